@@ -20,6 +20,10 @@ extern "C" {
 /** The texts of the status codes 0 to 18. Writable by tools (translations); never resized. */
 extern KAB_API const char *kabReturnStatus[KAB_STATUS_COUNT];
 
+/** The size in bytes of the record of each Arvo operation type, 0 to 25. */
+enum { KAB_ARVO_OP_TYPES = 26 };
+extern KAB_API const uint32_t ArvoOpSizeTable[KAB_ARVO_OP_TYPES];
+
 /** The level given to KABInit. Stored only: no message is gated by it. */
 extern KAB_API uint32_t kabLogLevel;
 

@@ -18,8 +18,7 @@ enum { KAB_CIPHER_BLOCK_SIZE = 2048, KAB_DEK_SIZE = 64 };
  * The four calls of the host's key cache. Each passes six words to the host and returns the first result word; when
  * the second is nonzero, its negation is stored in errno. Any thread that the installed door allows.
  */
-KAB_API int64_t ARVOUWAPI_KeyCacheAddKey(uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5,
-                                         uint64_t a6);
+KAB_API int64_t ARVOUWAPI_KeyCacheAddKey(uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5, uint64_t a6);
 /** The second word is passed as 0. */
 KAB_API int64_t ARVOUWAPI_KeyCacheRemoveKey(uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5,
                                             uint64_t a6);
@@ -31,8 +30,8 @@ KAB_API int64_t ARVOUWAPI_KeyCacheRemoveKey(uint64_t a1, uint64_t a2, uint64_t a
  * @param dekLength  bytes at `dek`.
  * @param out        the host's own.
  */
-KAB_API int64_t ARVOUWAPI_KeyCacheGetKey(const char *keyName, void *keyInfo, void *keyId, void *dek,
-                                         uint32_t dekLength, uint32_t *out);
+KAB_API int64_t ARVOUWAPI_KeyCacheGetKey(const char *keyName, void *keyInfo, void *keyId, void *dek, uint32_t dekLength,
+                                         uint32_t *out);
 KAB_API int64_t ARVOUWAPI_KeyCacheLookupKeyID(uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5,
                                               uint64_t a6);
 

@@ -112,8 +112,7 @@ KAB_API uint32_t KABDecompressFinish(KABCompressCtx *ctx);
  * @param nameOut  receives a new text, to be released with KABFree.
  * @return 0 or 3.
  */
-KAB_API uint32_t KABGenerateDumpFileName(const char *directory, const char *prefix, const char *middle,
-                                         char **nameOut);
+KAB_API uint32_t KABGenerateDumpFileName(const char *directory, const char *prefix, const char *middle, char **nameOut);
 
 /**
  * Creates a dump file, which must not exist.
@@ -175,8 +174,7 @@ KAB_API uint32_t KABOpenExtractDisk(const char *path, int32_t *fdOut, uint8_t *c
  * @param write     replaces the plain write and takes over each buffer; may be null.
  * @return 0; 1 for a failed write; 2 for a bad stream, record or hash; 3 when memory is exhausted.
  */
-KAB_API uint32_t KABVerifyAndExtractDump(uint32_t dumpFd, uint32_t targetFd, uint8_t truncate,
-                                         KABExtractWriteFn write);
+KAB_API uint32_t KABVerifyAndExtractDump(uint32_t dumpFd, uint32_t targetFd, uint8_t truncate, KABExtractWriteFn write);
 
 /** KABVerifyAndExtractDump with a line of its own on failure. */
 KAB_API uint32_t KABExtractDumpToDisk(uint32_t dumpFd, uint32_t targetFd, uint8_t truncate, KABExtractWriteFn write);

@@ -235,8 +235,8 @@ typedef struct ARVOUUIDTable {
 /** What PLOG replay knows about one capacity disk. */
 struct KABPlogState {
   KABDiskCtx *owner;
-  ZOLTIndexMap indexMap; /**< live LSNs; word 3 holds the entry's LBA */
-  ZOLTLbaTable lbaTable; /**< logical ranges held in the write buffer; null list until initialised */
+  ZOLTIndexMap indexMap;   /**< live LSNs; word 3 holds the entry's LBA */
+  ZOLTLbaTable lbaTable;   /**< logical ranges held in the write buffer; null list until initialised */
   uint64_t maxWriteLength; /**< bytes */
   uint32_t writeEntries;
   uint32_t freeEntries;
@@ -261,15 +261,15 @@ typedef struct KABLogStateArea {
 /** What the dedup layer keeps with a disk. */
 typedef struct KABDedupCtx {
   uint8_t superBlkBuf[KAB_META_BLOCK_SIZE];
-  uint8_t *superBlk;     /**< superBlkBuf once the disk was initialised, else null */
-  uint64_t superBlkLoc;  /**< byte offset of the superblock on the disk */
-  uint32_t blkShift;     /**< log2 of the block size */
-  uint32_t ddpRatio;     /**< configured ratio; 0: the superblock's own */
-  uint32_t memberCount;  /**< D: members with a hash map (leading context only) */
-  uint64_t totalBlks;    /**< G: blocks of 4096 bytes over the members (leading context only) */
-  uint64_t avgHmapSize;  /**< H: hash map blocks a member (leading context only) */
-  uint64_t zeroHashIdx;  /**< hash index of the zero block's entry */
-  uint64_t zeroPbn;      /**< PBN of the zero block */
+  uint8_t *superBlk;    /**< superBlkBuf once the disk was initialised, else null */
+  uint64_t superBlkLoc; /**< byte offset of the superblock on the disk */
+  uint32_t blkShift;    /**< log2 of the block size */
+  uint32_t ddpRatio;    /**< configured ratio; 0: the superblock's own */
+  uint32_t memberCount; /**< D: members with a hash map (leading context only) */
+  uint64_t totalBlks;   /**< G: blocks of 4096 bytes over the members (leading context only) */
+  uint64_t avgHmapSize; /**< H: hash map blocks a member (leading context only) */
+  uint64_t zeroHashIdx; /**< hash index of the zero block's entry */
+  uint64_t zeroPbn;     /**< PBN of the zero block */
   uint16_t zeroBlkTag;
 } KABDedupCtx;
 
@@ -362,9 +362,9 @@ KAB_STATIC_ASSERT(sizeof(OrloComponent) == 104 && offsetof(OrloComponent, vdiskE
 /* ---- ZOLT -------------------------------------------------------------------------------------------------- */
 
 typedef struct KABComponentHandle {
-  KABDiskCtx *ctx;               /**< the group's SSD, not owned */
-  OrloComponent *orloComp;       /**< owned */
-  KABComponentState *compState;  /**< null when no replay met the component; not owned */
+  KABDiskCtx *ctx;              /**< the group's SSD, not owned */
+  OrloComponent *orloComp;      /**< owned */
+  KABComponentState *compState; /**< null when no replay met the component; not owned */
 } KABComponentHandle;
 
 #ifdef __cplusplus

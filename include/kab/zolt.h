@@ -7,8 +7,6 @@
 extern "C" {
 #endif
 
-
-
 #ifdef __cplusplus
 }
 #endif
