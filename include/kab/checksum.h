@@ -66,6 +66,16 @@ KAB_API void ARVO_gf2_matrix_square(uint32_t *out, const uint32_t *mat);
  */
 KAB_API uint32_t VBTMB_CRC32(uint32_t crc, const void *buf, uint64_t len);
 
+/**
+ * A 64-bit hash of a byte string, not cryptographic. It decides places on disks and never changes.
+ *
+ * @param data  in any alignment.
+ * @param len   bytes, at least 1: an empty string has no hash.
+ * @param out   receives the hash.
+ * @return 0; 0xbad0007 when `len` is 0 or a pointer is null, nothing is stored then.
+ */
+KAB_API uint32_t plinth_HashBytes(const void *data, uint32_t len, uint64_t *out);
+
 #ifdef __cplusplus
 }
 #endif

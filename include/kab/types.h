@@ -99,6 +99,7 @@ enum {
 typedef struct Bucketlist Bucketlist;
 typedef struct BucketlistNode BucketlistNode;
 typedef struct BucketlistCompressedBuffer BucketlistCompressedBuffer;
+typedef struct BucketlistDirectory BucketlistDirectory;
 
 /** Keys and payloads of one node: the payload of the entry in key slot i is payload slot i. */
 typedef struct BucketlistKeyArea {
@@ -119,6 +120,7 @@ typedef struct BucketlistCache {
   int32_t *newer; /**< touch order, slot by slot */
   int32_t *older;
   BucketlistKeyArea *slab;
+  uint8_t *scratch; /**< where key areas are packed and unpacked */
 } BucketlistCache;
 
 typedef struct BucketlistStats {
@@ -136,6 +138,8 @@ struct Bucketlist {
   BucketlistCache *cache;
   BucketlistStats stats;
   uint32_t seed;
+  uint32_t unsortedSteps;         /**< iterator steps in unsorted nodes since the last insertion */
+  BucketlistDirectory *directory; /**< the nodes' min keys side by side; null: the skip list alone answers */
 };
 
 struct BucketlistNode {
