@@ -6,6 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <initializer_list>
+
+#include "plinth/text.h"
+
 namespace kab::plinth {
 namespace {
 
@@ -13,12 +17,12 @@ namespace {
 char* JoinWorkingDirectory(const char* path) {
   char* directory = getcwd(nullptr, 0);
   if (directory == nullptr) return nullptr;
-  const size_t length = strlen(directory) + 1 + strlen(path) + 1;
-  auto* joined = static_cast<char*>(calloc(1, length));
+  const size_t size = strlen(directory) + 1 + strlen(path) + 1;
+  auto* joined = static_cast<char*>(calloc(1, size));
   if (joined != nullptr) {
-    strcpy(joined, directory);
-    if (joined[1] != '\0') strcat(joined, "/");
-    strcat(joined, path);
+    const bool root = directory[1] == '\0';
+    for (const char* part : {static_cast<const char*>(directory), root ? "" : "/", path})
+      TextConcat(joined, size, part);
   }
   free(directory);
   return joined;

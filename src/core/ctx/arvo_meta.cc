@@ -10,7 +10,7 @@
 
 int32_t KABGetDevIdx(const uint8_t* meta, uint64_t uuidLow, uint64_t uuidHigh) {
   for (int32_t i = 0; i < KAB_DISKS_PER_GROUP; ++i) {
-    const uint8_t* uuid = meta + kab::meta::kGroupUuids + static_cast<uint32_t>(i) * kab::meta::kUuidSize;
+    const uint8_t* uuid = meta + kab::meta::kGroupUuids + static_cast<size_t>(i) * kab::meta::kUuidSize;
     if (kab::Load<uint64_t>(uuid) == uuidLow && kab::Load<uint64_t>(uuid + 8) == uuidHigh) return i;
   }
   return -1;

@@ -83,7 +83,8 @@ void KABExprFree(uint64_t /*owner*/, void* block) { std::free(block); }
 
 void* KABCompressAlloc(void* /*opaque*/, uint32_t items, uint32_t size) {
   // 32-bit product, on purpose: zlib never asks for more.
-  return KABAlloc(items * size);
+  const uint32_t product = items * size;
+  return KABAlloc(product);
 }
 
 void KABCompressFree(void* /*opaque*/, void* block) { KABFree(&block); }
