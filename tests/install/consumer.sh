@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Installs a build into a prefix of its own, builds the examples there by find_package and by pkg-config, and runs
+# them on a sample group.
+#   consumer.sh BUILD SOURCE SAMPLE_GROUP
+set -euo pipefail
+build=$1
+source=$2
+sampleGroup=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+fail() {
+  echo "consumer.sh: $*" >&2
+  exit 1
+}
+says() {  # says TEXT COMMAND...: the command succeeds and its output holds the text
+  local text=$1 output
+  shift
+  output=$("$@" 2>&1) || fail "$* failed: $output"
+  grep -qF -- "$text" <<<"$output" || fail "$* does not say \"$text\": $output"
+}
+
+cmake --install "$build" --prefix "$work/first" >/dev/null
+mv "$work/first" "$prefix"  # what is installed may be moved
+
+config=$(find "$prefix" -name kab-config.cmake)
+libdir=$(dirname "$(find "$prefix" -name kab.pc)")/..
+libdir=$(cd "$libdir" && pwd)
+[ -n "$config" ] || fail "kab-config.cmake was not installed"
+[ "$(readlink "$libdir/libkab.so")" = libkab.so.0 ] || fail "libkab.so does not lead to libkab.so.0"
+soname=$(readelf -d "$libdir/libkab.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+[ "$soname" = libkab.so.0 ] || fail "the soname is $soname"
+if grep -rlF -e "$source" -e "$build" "$prefix" --include='*.cmake' --include='*.pc' --include='*.h'; then
+  fail "these files name the tree that they were built in"
+fi
+
+mkdir "$work/group"
+"$sampleGroup" "$work/group"
+group=("$work/group/ssd.img" "$work/group/disk0.img" "$work/group/disk1.img")
+
+# A C program, by pkg-config alone: headers, library and what the library needs.
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+read -ra flags <<<"${CFLAGS:-} $(pkg-config --cflags --libs kab)"
+"${CC:-cc}" -std=c11 -Wall -Wextra -Werror "$source/examples/group.c" -o "$work/group-pc" "${flags[@]}"
+export LD_LIBRARY_PATH=$libdir
+says "2 disks attached" "$work/group-pc" "${group[@]}"
+unset LD_LIBRARY_PATH
+
+# The examples as a project of their own, by find_package alone.
+unset PKG_CONFIG_PATH
+cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug >/dev/null
+cmake --build "$work/examples" >/dev/null
+says "2 disks attached" "$work/examples/group" "${group[@]}"
+says "Successful" "$work/examples/dump_head" "${group[1]}" "$work/head.dump" 4194304
+"$work/examples/group" "${group[0]}" "${group[0]}" >/dev/null 2>&1 && fail "an SSD was taken for a capacity disk"
+"$work/examples/group" "$work/head.dump" >/dev/null 2>&1 && fail "a dump was taken for an SSD"
+
+# zlib and LZ4 come with kab::kab: a consumer calls them without naming them.
+mkdir "$work/peers"
+cat >"$work/peers/CMakeLists.txt" <<'END'
+cmake_minimum_required(VERSION 3.18)
+project(peers LANGUAGES C)
+find_package(kab REQUIRED)
+add_executable(peers peers.c)
+target_link_libraries(peers PRIVATE kab::kab)
+END
+cat >"$work/peers/peers.c" <<'END'
+#include <kab/kab.h>
+#include <lz4.h>
+#include <stdio.h>
+int main(void) {
+  printf("%s %d %s\n", zlibVersion(), LZ4_versionNumber() > 0, KABErrorStr(KAB_OK));
+  return 0;
+}
+END
+cmake -S "$work/peers" -B "$work/peers/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/peers/build" >/dev/null
+says "1 Successful" "$work/peers/build/peers"
+
+# A version that is not there is refused.
+sed -i 's/find_package(kab REQUIRED)/find_package(kab 99 REQUIRED)/' "$work/peers/CMakeLists.txt"
+cmake -S "$work/peers" -B "$work/peers/build99" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null 2>&1 &&
+  fail "find_package(kab 99) succeeded"
+exit 0
