@@ -144,6 +144,8 @@ KAB_API uint32_t KABAddChunkToDump(KABDumpCtx *dump, KABDiskCtx *ctx, uint32_t l
 /**
  * Finishes the stream, writes the header and closes the file. The record stays the caller's to KABFree.
  *
+ * When the stream cannot be finished, the descriptor stays open: a second call closes it and releases the rest.
+ *
  * @return 0; 1 when the header could not be written; 2 when the stream could not be finished, the file not be closed,
  *         an append had failed, or the dump was closed before.
  */

@@ -127,15 +127,15 @@ uint32_t KABOpenExtractDisk(const char* path, int32_t* fdOut, uint8_t* create) {
 uint32_t KABVerifyAndExtractDump(uint32_t dumpFd, uint32_t targetFd, uint8_t truncate, KABExtractWriteFn write) {
   using namespace kab::dump;
   Header header = {};
-  // Kept, not acted on: what a short header lacks is zero, and no stream has a hash of zeros.
-  const uint32_t headerStatus = KABReadDumpHeader(dumpFd, &header);
+  // Kept, not acted on: what a short header lacks is zero. A dump without records ends with this status.
+  uint32_t st = KABReadDumpHeader(dumpFd, &header);
   if (truncate != 0) {
     [[maybe_unused]] const int ignored = ftruncate(static_cast<int>(targetFd), static_cast<off_t>(header.diskSize));
   }
   KABCompressCtx* stream = KABDecompressInit(dumpFd, kStreamOffset);
   if (stream == nullptr) {
     kab::Log("Error: Failed to init decompression context\n");
-    return headerStatus;
+    return st;
   }
   Replay replay(stream);
   if (!replay.Start()) return KAB_OUT_OF_MEMORY;
@@ -145,14 +145,14 @@ uint32_t KABVerifyAndExtractDump(uint32_t dumpFd, uint32_t targetFd, uint8_t tru
     if (i % kProgressEvery == 0) {
       kab::Log("%.128s: Extracting chunk number (%lu/%lu)\n", header.deviceName, i, records);
     }
-    const uint32_t st = replay.WriteRecord(targetFd, write);
+    st = replay.WriteRecord(targetFd, write);
     if (st != KAB_OK) return st;
   }
   if (!replay.HashMatches(header.sha256)) {
     kab::Log("Error: Total Hash mismatch for dump, extracted dump might not be usable\n");
     return KAB_GENERAL_FAILURE;
   }
-  return KAB_OK;
+  return st;
 }
 
 uint32_t KABExtractDumpToDisk(uint32_t dumpFd, uint32_t targetFd, uint8_t truncate, KABExtractWriteFn write) {

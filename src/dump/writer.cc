@@ -67,6 +67,7 @@ uint32_t AppendRecord(KABDumpCtx* dump, const void* head, uint32_t headLength, c
 
 uint32_t AppendPiece(KABDumpCtx* dump, KABDiskCtx* ctx, uint32_t length, uint64_t offset) {
   const plinth::LockGuard guard(dump->lock);
+  if (dump->failed != 0) return KAB_GENERAL_FAILURE;
   const auto buffer = AllocBytes(sizeof(RecordHead) + uint64_t{length});
   if (buffer == nullptr) return KAB_OUT_OF_MEMORY;
   const uint32_t st = KABRead(ctx, buffer.get() + sizeof(RecordHead), length, static_cast<int64_t>(offset));
@@ -160,7 +161,7 @@ KABDumpCtx* KABInitDumpFile(const char* dumpPath, const char* devicePath, uint64
 
 uint32_t KABAddBufferToDump(KABDumpCtx* dump, const void* data, uint32_t length, uint64_t offset) {
   using namespace kab::dump;
-  if (dump->failed != 0 || dump->closed != 0) return KAB_GENERAL_FAILURE;
+  if (dump->closed != 0) return KAB_GENERAL_FAILURE;
   const kab::plinth::LockGuard guard(dump->lock);
   RecordHead head;
   head.offset = offset;
@@ -169,7 +170,7 @@ uint32_t KABAddBufferToDump(KABDumpCtx* dump, const void* data, uint32_t length,
 }
 
 uint32_t KABAddChunkToDump(KABDumpCtx* dump, KABDiskCtx* ctx, uint32_t length, uint64_t offset) {
-  if (dump->failed != 0 || dump->closed != 0) return KAB_GENERAL_FAILURE;
+  if (dump->closed != 0) return KAB_GENERAL_FAILURE;
   if (offset > UINT64_MAX - length) {
     kab::Log("Error: Failed to add chunk at offset %lu into dump file. Error %s.\n", offset,
              KABErrorStr(KAB_GENERAL_FAILURE));
@@ -193,6 +194,7 @@ uint32_t KABCloseDumpFile(KABDumpCtx* dump) {
   if (dump->closed != 0) return KAB_GENERAL_FAILURE;
   if (dump->failed != 0) {
     // Nothing is left to save: the header stays zero, and what the dump holds is released.
+    kab::Log("Error: Failed to write compressed data to dump file: %s\n", KABErrorStr(KAB_GENERAL_FAILURE));
     deflateEnd(&dump->compress->stream->zlib);
     kab::plinth::Sha256Abandon(dump->hashState);
     dump->hashState = nullptr;
