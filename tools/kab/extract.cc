@@ -1,0 +1,167 @@
+// kab extract DUMP TARGET: lay a dump's ranges onto an image or a device.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <optional>
+
+#include "commands.h"
+#include "dump_file.h"
+#include "kab/core.h"
+#include "kab/dump.h"
+#include "out_file.h"
+
+namespace tool {
+namespace {
+
+constexpr const char* kDetails =
+    "A new image is as long as the dumped disk, holds the dumped ranges, and is empty elsewhere. It is written under\n"
+    "another name and gets its own when it is whole. --force replaces an existing image the same way; --in-place\n"
+    "writes the ranges onto an existing image or device and leaves the rest alone.\n\n"
+    "The dump is verified first, before anything is written. With --no-verify it is read once only; a digest that\n"
+    "turns out wrong still keeps a new image from appearing.\n\n"
+    "Exit status: 0; 6 when the digest does not match; 4 when the dump is broken or unfinished.\n\n"
+    "Examples:\n"
+    "  kab extract disk0.kabdump disk0-copy.img\n"
+    "  kab extract --in-place disk0.kabdump /dev/sdx\n";
+
+struct Options {
+  std::string dump;
+  std::string target;
+  bool noVerify = false;
+  bool force = false;
+  bool inPlace = false;
+};
+
+// A dump that is not intact ends the command; `extent` says what that means for the target.
+void Require(const Verdict& verdict, const std::string& dump, const std::string& extent) {
+  if (verdict.kind == Verdict::kIntact) return;
+  throw Failure(verdict.kind == Verdict::kDigestMismatch ? Exit::kDigest : Exit::kDamageIncomplete,
+                fmt::format("{}: {}; {}", dump, verdict.reason, extent));
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+  void CloseSynced(const std::string& path) {
+    const int synced = fsync(fd_);
+    const int error = errno;
+    const int closed = close(fd_);
+    fd_ = -1;
+    if (synced != 0) throw SystemFailure(path, error);
+    if (closed != 0) throw SystemFailure(path, errno);
+  }
+
+ private:
+  int fd_;
+};
+
+DumpFile::Sink WriteTo(int fd) {
+  return [fd](const void* data, uint32_t length, uint64_t offset) {
+    return KABDiskWrite(static_cast<uint32_t>(fd), data, length, static_cast<int64_t>(offset)) == KAB_OK;
+  };
+}
+
+Verdict ExtractNew(Tool& tool, const Options& options, const DumpFile& dump) {
+  PendingName pending(options.target, options.force);
+  Descriptor file(open(pending.name().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (file.get() < 0) throw SystemFailure(options.target, errno);
+  const uint64_t size = dump.header().diskSize;
+  if (size > INT64_MAX || ftruncate(file.get(), static_cast<off_t>(size)) != 0) {
+    throw SystemFailure(fmt::format("{}: sizing it to {} bytes", options.target, size),
+                        size > INT64_MAX ? EFBIG : errno);
+  }
+  Verdict verdict = dump.Replay(tool, "extract", WriteTo(file.get()));
+  Require(verdict, options.dump, fmt::format("{} was not made", options.target));
+  file.CloseSynced(options.target);
+  pending.Commit();
+  return verdict;
+}
+
+Verdict ExtractInPlace(Tool& tool, const Options& options, const DumpFile& dump) {
+  uint8_t create = 0;
+  int32_t fd = 0;
+  tool.log.Forget();
+  if (KABOpenExtractDisk(options.target.c_str(), &fd, &create) != KAB_OK) {
+    std::fflush(tool.log.stream());
+    throw Failure(tool.log.refusedDisk() ? Exit::kNotOurs : Exit::kError,
+                  fmt::format("cannot open {}", options.target));
+  }
+  Descriptor file(fd);
+  const std::string extent = fmt::format("{} was written to and is not to be trusted", options.target);
+  try {
+    Verdict verdict = dump.Replay(tool, "extract", WriteTo(file.get()));
+    Require(verdict, options.dump, extent);
+    file.CloseSynced(options.target);
+    return verdict;
+  } catch (const Failure& failure) {
+    const std::string what = failure.what();
+    if (what.find(extent) != std::string::npos) throw;
+    throw Failure(failure.code(), fmt::format("{}; {}", what, extent));
+  }
+}
+
+Exit Run(Tool& tool, const Options& options) {
+  struct stat info;
+  const bool exists = stat(options.target.c_str(), &info) == 0;
+  const bool device = exists && S_ISBLK(info.st_mode);
+  if (exists && !device && !S_ISREG(info.st_mode)) {
+    throw Failure(Exit::kUsage, fmt::format("{}: neither a regular file nor a block device", options.target));
+  }
+  if (options.inPlace && !exists) throw Failure(Exit::kUsage, fmt::format("{}: no such target", options.target));
+  const bool inPlace = options.inPlace || (device && options.force);
+  if (!inPlace) {
+    if (exists && !options.force) {
+      throw Failure(Exit::kUsage,
+                    fmt::format("{} exists; --force replaces it, --in-place writes onto it", options.target));
+    }
+  }
+
+  const DumpFile dump(options.dump);
+  Require(dump.JudgeHeader(), options.dump, fmt::format("{} was not touched", options.target));
+  if (!options.noVerify) {
+    Require(dump.Replay(tool, "verify", {}), options.dump, fmt::format("{} was not touched", options.target));
+  }
+  const Verdict verdict = inPlace ? ExtractInPlace(tool, options, dump) : ExtractNew(tool, options, dump);
+
+  if (tool.json) {
+    Json object = Tool::Header("extract");
+    object["dump"] = options.dump;
+    object["target"] = options.target;
+    object["inPlace"] = inPlace;
+    object["recordsWritten"] = verdict.records;
+    object["dataBytes"] = verdict.dataBytes;
+    AddHeader(object, dump.header());
+    Tool::PrintJson(object);
+  } else if (!tool.quiet) {
+    Tool::Print(fmt::format("{}: {} records, {} of {} written\n", options.target, verdict.records,
+                            HumanBytes(verdict.dataBytes), dump.header().device));
+  }
+  return Exit::kClean;
+}
+
+}  // namespace
+
+void AddExtract(CLI::App& app, Tool& tool) {
+  auto options = std::make_shared<Options>();
+  CLI::App* command = AddCommand(app, tool, "extract", "Write a dump's ranges onto an image or a device", kDetails,
+                                 [&tool, options] { return Run(tool, *options); });
+  command->add_option("DUMP", options->dump, "the dump file")->required();
+  command->add_option("TARGET", options->target, "the image to make, or with --in-place the disk to write onto")
+      ->required();
+  command->add_flag("--no-verify", options->noVerify, "do not read the dump once before writing");
+  command->add_flag("-f,--force", options->force, "replace an existing image; write onto a device");
+  command->add_flag("--in-place", options->inPlace, "write onto what TARGET holds, keeping the rest of it");
+}
+
+}  // namespace tool

@@ -1,0 +1,83 @@
+#include "log_relay.h"
+
+#include <sys/types.h>
+
+#include <new>
+#include <stdexcept>
+
+namespace tool {
+namespace {
+
+bool Has(std::string_view line, std::string_view part) { return line.find(part) != std::string_view::npos; }
+
+}  // namespace
+
+LogRelay::LogRelay() {
+  cookie_io_functions_t functions = {};
+  functions.write = [](void* cookie, const char* text, size_t size) -> ssize_t {
+    try {
+      static_cast<LogRelay*>(cookie)->Take({text, size});
+    } catch (const std::bad_alloc&) {  // must not pass through stdio: the line is lost, the work goes on
+    }
+    return static_cast<ssize_t>(size);
+  };
+  stream_ = fopencookie(this, "w", functions);
+  if (stream_ == nullptr) throw std::bad_alloc();
+  setvbuf(stream_, nullptr, _IOLBF, 4096);
+}
+
+LogRelay::~LogRelay() {
+  Bar({});
+  std::fclose(stream_);
+}
+
+void LogRelay::Line(std::string_view line) {
+  const std::string bar = bar_;
+  Bar({});
+  std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+  Bar(bar);
+}
+
+void LogRelay::Bar(std::string_view bar) {
+  if (bar.empty() && bar_.empty()) return;
+  std::fprintf(stderr, "\r\033[K%.*s", static_cast<int>(bar.size()), bar.data());
+  std::fflush(stderr);
+  bar_ = bar;
+}
+
+void LogRelay::Forget() {
+  std::fflush(stream_);
+  refusedDisk_ = outOfMemory_ = hashMismatch_ = inputFailed_ = false;
+  metaErrors_ = 0;
+}
+
+void LogRelay::Take(std::string_view text) {
+  partial_ += text;
+  size_t start = 0;
+  for (size_t end; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
+    TakeLine(std::string_view(partial_).substr(start, end - start));
+  }
+  partial_.erase(0, start);
+}
+
+void LogRelay::TakeLine(std::string_view line) {
+  if (Has(line, "is not unmounted") || Has(line, "is not part of given diskgroup") ||
+      Has(line, "Too many open disk requests") || Has(line, "is already open in this diskgroup") ||
+      (Has(line, "Error: Failed to open d") && Has(line, "Device or resource busy"))) {
+    refusedDisk_ = true;
+  }
+  if (Has(line, "Failed to allocate") || Has(line, "Cannot allocate memory") || Has(line, "Out of memory") ||
+      Has(line, "Failed to init decompression context") || Has(line, "Failed to init compression context")) {
+    outOfMemory_ = true;
+  }
+  if (Has(line, "Total Hash mismatch for dump")) hashMismatch_ = true;
+  if (Has(line, "Failed to populate input for decompress")) inputFailed_ = true;
+  if (Has(line, "MetaError:")) metaErrors_++;
+
+  const bool chatter = Has(line, "Extracting chunk number");
+  if (chatter && !all_) return;
+  if (quiet_ && !Has(line, "Error:")) return;
+  Line(line);
+}
+
+}  // namespace tool

@@ -1,0 +1,83 @@
+// kab: offline inspection of the disks of an Arvo disk group. Arguments, the exit code, nothing else.
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <new>
+
+#include "commands.h"
+#include "kab/core.h"
+#include "tool.h"
+
+namespace tool {
+namespace {
+
+void AddGlobalOptions(CLI::App& app, Tool& tool) {
+  app.add_flag("--json", tool.json, "print JSON instead of text: one object, or one a line for streams");
+  app.add_option("--key-file", tool.keyFiles,
+                 "UUID=FILE, a disk's key: 64 bytes or 128 hexadecimal digits; repeatable. Without one the host's key\n"
+                 "cache or keyring is asked")
+      ->allow_extra_args(false);
+  const std::map<std::string, ProgressMode> modes = {
+      {"auto", ProgressMode::kAuto}, {"json", ProgressMode::kJson}, {"none", ProgressMode::kNone}};
+  app.add_option("--progress", tool.progress, "auto (a bar on a terminal), json (objects on stderr), none")
+      ->transform(CLI::CheckedTransformer(modes, CLI::ignore_case))
+      ->type_name("MODE");
+  app.add_flag("-q,--quiet", tool.quiet, "only results and errors");
+  app.add_flag("-v,--verbose", tool.verbose, "also the library's progress lines");
+  app.set_version_flag("--version", std::string("kab ") + KAB_TOOL_VERSION);
+}
+
+int Main(int argc, char** argv) {
+  Tool tool;
+  CLI::App app(
+      "Inspects, dumps and restores the disks of an Arvo disk group. Disks are opened read-only unless a "
+      "command writes by name.",
+      "kab");
+  AddGlobalOptions(app, tool);
+#define KAB_ADD_COMMAND(Name) Add##Name(app, tool);
+  KAB_COMMANDS(KAB_ADD_COMMAND)
+#undef KAB_ADD_COMMAND
+  app.require_subcommand(1);
+  app.footer(std::string(kExitTable) + "\nkab COMMAND --help tells more about each.\n");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : static_cast<int>(Exit::kUsage);
+  }
+
+  InstallSignals();
+  tool.log.ShowAll(tool.verbose);
+  tool.log.Quiet(tool.quiet);
+  KABInit(0, tool.log.stream());
+  Exit code = Exit::kError;
+  try {
+    code = tool.run();
+  } catch (const Failure& failure) {
+    code = failure.code();
+    if (*failure.what() != '\0') tool.log.Line(fmt::format("kab: {}", failure.what()));
+  } catch (const std::bad_alloc&) {
+    code = Exit::kMemory;
+    tool.log.Line("kab: out of memory");
+  } catch (const std::exception& error) {
+    tool.log.Line(fmt::format("kab: {}", error.what()));
+  }
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    if (errno != EPIPE) tool.log.Line(fmt::format("kab: {}", SystemFailure("stdout", errno).what()));
+    code = Worse(code, Exit::kError);
+  }
+  return static_cast<int>(code);
+}
+
+}  // namespace
+}  // namespace tool
+
+int main(int argc, char** argv) {
+  try {
+    return tool::Main(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kab: %s\n", error.what());
+    return static_cast<int>(tool::Exit::kMemory);
+  }
+}

@@ -1,0 +1,93 @@
+#include "out_file.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "tool.h"
+
+namespace tool {
+
+bool Exists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+void RefuseExisting(const std::string& path, bool force) {
+  if (!force && Exists(path)) throw Failure(Exit::kUsage, fmt::format("{} exists; --force replaces it", path));
+}
+
+PendingName::PendingName(std::string path, bool force)
+    : path_(std::move(path)), name_(fmt::format("{}.kab-{}", path_, getpid())), force_(force) {
+  RefuseExisting(path_, force_);
+  if (Exists(name_)) throw Failure(Exit::kError, fmt::format("{} is in the way", name_));
+}
+
+PendingName::~PendingName() {
+  if (!committed_) unlink(name_.c_str());
+}
+
+void PendingName::Commit() {
+  // Someone may have made the file meanwhile; not every file system can refuse by itself.
+  int result = renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, path_.c_str(), force_ ? 0 : RENAME_NOREPLACE);
+  if (result != 0 && (errno == EINVAL || errno == ENOSYS)) {
+    RefuseExisting(path_, force_);
+    result = rename(name_.c_str(), path_.c_str());
+  }
+  if (result != 0) throw SystemFailure(path_, errno);
+  committed_ = true;
+  const size_t slash = path_.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path_.substr(0, slash + 1);
+  const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    fsync(fd);
+    close(fd);
+  }
+}
+
+OutFile::OutFile(const std::string& path, bool force) : path_(path) {
+  struct stat info;
+  if (path == "-") {
+    fd_ = dup(STDOUT_FILENO);
+  } else if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    RefuseExisting(path, force || S_ISCHR(info.st_mode) || S_ISFIFO(info.st_mode));
+    fd_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  } else {
+    pending_ = std::make_unique<PendingName>(path, force);
+    fd_ = open(pending_->name().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  }
+  if (fd_ >= 0) return;
+
+  throw SystemFailure(path, errno);
+}
+
+OutFile::~OutFile() {
+  if (fd_ >= 0) close(fd_);
+}
+
+void OutFile::Write(const void* data, uint64_t length) {
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  while (length > 0) {
+    StopIfInterrupted();
+    const ssize_t written = write(fd_, bytes, length);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) throw SystemFailure(path_ == "-" ? "stdout" : path_, errno);
+    bytes += written;
+    length -= static_cast<uint64_t>(written);
+  }
+}
+
+void OutFile::Commit() {
+  // Pipes and terminals cannot be synchronised, and need not be.
+  if (fsync(fd_) != 0 && pending_ != nullptr) throw SystemFailure(path_, errno);
+  const int closed = close(fd_);
+  fd_ = -1;
+  if (closed != 0) throw SystemFailure(path_, errno);
+  if (pending_ != nullptr) pending_->Commit();
+}
+
+}  // namespace tool

@@ -1,0 +1,52 @@
+#pragma once
+// Outputs that appear whole or not at all: written under a name beside the final one, renamed at the end.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace tool {
+
+/// A name beside `path` that becomes `path` at Commit; without that, whatever lies under it is removed.
+class PendingName {
+ public:
+  /// A usage failure when `path` exists and `force` is not set.
+  PendingName(std::string path, bool force);
+  ~PendingName();
+  PendingName(const PendingName&) = delete;
+  PendingName& operator=(const PendingName&) = delete;
+
+  const std::string& name() const { return name_; }
+  void Commit();
+
+ private:
+  std::string path_;
+  std::string name_;
+  bool force_;
+  bool committed_ = false;
+};
+
+/// Fails when `path` exists, unless `force`.
+void RefuseExisting(const std::string& path, bool force);
+bool Exists(const std::string& path);
+
+/// A file to write to: "-" is stdout, an existing device or pipe is written directly, a file becomes whole at Commit.
+class OutFile {
+ public:
+  OutFile(const std::string& path, bool force);
+  ~OutFile();
+  OutFile(const OutFile&) = delete;
+  OutFile& operator=(const OutFile&) = delete;
+
+  int fd() const { return fd_; }
+  bool pending() const { return pending_ != nullptr; }
+  void Write(const void* data, uint64_t length);
+  void Commit();
+
+ private:
+  std::string path_;
+  std::unique_ptr<PendingName> pending_;
+  int fd_ = -1;
+};
+
+}  // namespace tool

@@ -1,0 +1,195 @@
+// kab sample: a disk group on image files, to try things on.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+#include "commands.h"
+#include "out_file.h"
+#include "ranges.h"
+#include "sample/group_image.h"
+
+namespace tool {
+namespace {
+
+constexpr const char* kDetails =
+    "Makes ssd.img, disk0.img, disk1.img ... in a folder, which is created when it is not there. The same arguments\n"
+    "make the same bytes. An encrypted disk's key goes to diskN.key, for --key-file.\n\n"
+    "Examples:\n"
+    "  kab sample --disks 3 --encrypt 1 group\n"
+    "  kab info --key-file \"$(cat group/disk1.uuid)=group/disk1.key\" group/ssd.img group/disk*.img\n";
+
+struct Options {
+  std::string folder;
+  std::string layout = "plain";
+  uint32_t disks = 2;
+  std::string ssdSize = "16M";
+  std::string diskSize = "16M";
+  std::vector<uint32_t> encrypt;
+  uint64_t seed = 1;
+  bool withClear = false;
+  bool force = false;
+};
+
+// What lies on a group's disks. A layout fills an image of the right size and UUIDs.
+struct Layout {
+  const char* name;
+  const char* summary;
+  void (*fill)(sample::GroupImage& group, uint64_t seed);
+};
+
+// Some of everything: noise, text that compresses well, and zeros.
+void FillPlain(sample::GroupImage& group, uint64_t seed) {
+  const auto fill = [seed](sample::DiskImage& disk, uint64_t number) {
+    const uint64_t end = disk.size() - sample::kGptSize;
+    const uint64_t part = std::min<uint64_t>((end - sample::kDataOffset) / 4, 1 << 20);
+    disk.FillNoise(sample::kDataOffset, part, seed * 1000 + number);
+    std::string text;
+    for (uint64_t line = 0; text.size() < part; line++) {
+      text += fmt::format("disk {} line {} of seed {}\n", number, line, seed);
+    }
+    disk.PutBytes(sample::kDataOffset + part, {reinterpret_cast<const uint8_t*>(text.data()), part});
+  };
+  fill(group.Ssd(), 0);
+  for (uint32_t i = 0; i < group.DiskCount(); i++) fill(group.Disk(i), i + 1);
+}
+
+constexpr Layout kLayouts[] = {
+    {"plain", "noise, text and zeros in the data area, no log, no dedup layer", FillPlain},
+};
+
+const Layout& FindLayout(const std::string& name) {
+  for (const Layout& layout : kLayouts) {
+    if (name == layout.name) return layout;
+  }
+  throw Failure(Exit::kUsage, fmt::format("--layout {}: no such layout", name));
+}
+
+uint64_t DiskSize(const std::string& option, const std::string& text) {
+  const uint64_t size = SizeArgument(option, text);
+  if (size <= sample::kDataOffset + sample::kGptSize || size > INT64_MAX) {
+    throw Failure(Exit::kUsage, fmt::format("{} {}: a disk has more than {} bytes", option, text,
+                                            sample::kDataOffset + sample::kGptSize));
+  }
+  return size;
+}
+
+// Writes key files and the other small companions.
+void WriteSmall(const std::string& path, const void* data, size_t size, mode_t mode, bool force) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (force ? O_TRUNC : O_EXCL), mode);
+  if (fd < 0) throw SystemFailure(path, errno);
+  const ssize_t written = write(fd, data, size);
+  const int error = errno;
+  if (close(fd) != 0 || written != static_cast<ssize_t>(size)) throw SystemFailure(path, error);
+}
+
+class SampleWriter {
+ public:
+  SampleWriter(const Options& options) : options_(options) {}
+
+  Json Write(sample::GroupImage& group) {
+    RefuseLeftovers(group);
+    if (mkdir(options_.folder.c_str(), 0777) != 0 && errno != EEXIST) throw SystemFailure(options_.folder, errno);
+    for (const uint32_t slot : options_.encrypt) Encipher(group.Disk(slot), slot);
+    const sample::GroupPaths paths = group.Write(options_.folder);
+    Json object = Tool::Header("sample");
+    object["layout"] = options_.layout;
+    object["ssd"] = DiskJson(paths.ssd, group.Ssd());
+    object["disks"] = Json::array();
+    for (uint32_t i = 0; i < group.DiskCount(); i++) {
+      StopIfInterrupted();
+      Json disk = DiskJson(paths.disks[i], group.Disk(i));
+      disk["keyFile"] = group.Disk(i).encrypted() ? Json(Path(i, ".key")) : Json(nullptr);
+      object["disks"].push_back(disk);
+      const std::string uuid = sample::UuidText(group.Disk(i).uuid()) + "\n";
+      WriteSmall(Path(i, ".uuid"), uuid.data(), uuid.size(), 0666, options_.force);
+    }
+    return object;
+  }
+
+ private:
+  std::string Path(uint32_t slot, const char* ending) const {
+    return fmt::format("{}/disk{}{}", options_.folder, slot, ending);
+  }
+
+  void RefuseLeftovers(const sample::GroupImage& group) const {
+    RefuseExisting(options_.folder + "/ssd.img", options_.force);
+    for (uint32_t i = 0; i < group.DiskCount(); i++) {
+      for (const char* ending : {".img", ".uuid", ".key", ".clear.img"}) {
+        RefuseExisting(Path(i, ending), options_.force);
+      }
+    }
+  }
+
+  void Encipher(sample::DiskImage& disk, uint32_t slot) {
+    sample::Dek dek = sample::MakeDek(static_cast<uint32_t>(options_.seed * 100 + slot));
+    // The flag first: the clear picture then differs from the deciphered disk in no byte.
+    disk.EncryptedFlag(true);
+    if (options_.withClear) disk.Write(Path(slot, ".clear.img"));
+    disk.Encrypt(dek);
+    WriteSmall(Path(slot, ".key"), dek.data(), dek.size(), 0600, options_.force);
+  }
+
+  static Json DiskJson(const std::string& path, const sample::DiskImage& disk) {
+    Json object;
+    object["path"] = path;
+    object["uuid"] = sample::UuidText(disk.uuid());
+    object["size"] = disk.size();
+    object["encrypted"] = disk.encrypted();
+    return object;
+  }
+
+  const Options& options_;
+};
+
+Exit Run(Tool& tool, const Options& options) {
+  const Layout& layout = FindLayout(options.layout);
+  if (options.disks > sample::kGroupSlots) throw Failure(Exit::kUsage, "--disks: a group has at most 7 disks");
+  for (const uint32_t slot : options.encrypt) {
+    if (slot >= options.disks) throw Failure(Exit::kUsage, fmt::format("--encrypt {}: no such disk", slot));
+  }
+  sample::GroupImage group(options.disks, DiskSize("--ssd-size", options.ssdSize),
+                           DiskSize("--disk-size", options.diskSize));
+  layout.fill(group, options.seed);
+  const Json object = SampleWriter(options).Write(group);
+
+  if (tool.json) {
+    Tool::PrintJson(object);
+  } else if (!tool.quiet) {
+    std::string text = fmt::format("SSD    {}  {}\n", object["ssd"]["uuid"].get<std::string>(),
+                                   object["ssd"]["path"].get<std::string>());
+    for (const Json& disk : object["disks"]) {
+      text +=
+          fmt::format("disk   {}  {}{}\n", disk["uuid"].get<std::string>(), disk["path"].get<std::string>(),
+                      disk["encrypted"].get<bool>() ? "  encrypted, key in " + disk["keyFile"].get<std::string>() : "");
+    }
+    Tool::Print(text);
+  }
+  return Exit::kClean;
+}
+
+}  // namespace
+
+void AddSample(CLI::App& app, Tool& tool) {
+  auto options = std::make_shared<Options>();
+  std::string layouts = "Layouts:\n";
+  for (const Layout& layout : kLayouts) layouts += fmt::format("  {:<8} {}\n", layout.name, layout.summary);
+  CLI::App* command = AddCommand(app, tool, "sample", "Make a sample disk group on image files",
+                                 layouts + "\n" + kDetails, [&tool, options] { return Run(tool, *options); });
+  command->add_option("FOLDER", options->folder, "where to make it")->required();
+  command->add_option("--layout", options->layout, "what lies on the disks")->capture_default_str();
+  command->add_option("--disks", options->disks, "capacity disks, 0 to 7")->capture_default_str();
+  command->add_option("--ssd-size", options->ssdSize, "size of the SSD")->capture_default_str();
+  command->add_option("--disk-size", options->diskSize, "size of each capacity disk")->capture_default_str();
+  command->add_option("--encrypt", options->encrypt, "slot of a disk to encipher; repeatable")->allow_extra_args(false);
+  command->add_option("--seed", options->seed, "what the contents are drawn from")->capture_default_str();
+  command->add_flag("--with-clear", options->withClear, "also write diskN.clear.img, an enciphered disk in clear");
+  command->add_flag("-f,--force", options->force, "replace existing files");
+}
+
+}  // namespace tool
