@@ -76,6 +76,40 @@ KAB_API uint32_t VBTMB_CRC32(uint32_t crc, const void *buf, uint64_t len);
  */
 KAB_API uint32_t plinth_HashBytes(const void *data, uint32_t len, uint64_t *out);
 
+/* ---- SHA-1 --------------------------------------------------------------------------------------------------- */
+
+enum { DDP_SHA1_DIGEST_SIZE = 20, DDP_SHA1_BLOCK_SIZE = 64 };
+
+/** A SHA-1 in progress. One thread at a time per context. */
+typedef struct DDPSHA1Ctx {
+  uint32_t state[5];
+  uint32_t bitCount[2];                /**< message length so far in bits, low word first */
+  uint8_t buffer[DDP_SHA1_BLOCK_SIZE]; /**< input that does not fill a block yet */
+} DDPSHA1Ctx;
+
+KAB_STATIC_ASSERT(sizeof(DDPSHA1Ctx) == 92 && offsetof(DDPSHA1Ctx, buffer) == 28, "DDPSHA1Ctx");
+
+/** Begins a message. */
+KAB_API void DDPSHA1Init(DDPSHA1Ctx *ctx);
+
+/** Appends `len` bytes; `data` may be null when `len` is 0. */
+KAB_API void DDPSHA1Update(DDPSHA1Ctx *ctx, const void *data, uint64_t len);
+
+/** Writes the 20-byte digest and clears the whole context, so that no message data stays in memory. */
+KAB_API void DDPSHA1Final(uint8_t *digest, DDPSHA1Ctx *ctx);
+
+/**
+ * Hashes several buffers of one length. Where the processor gains by it, they are hashed side by side.
+ *
+ * @param count      number of buffers; 0 does nothing.
+ * @param len        bytes in each buffer.
+ * @param prefix     `prefixLen` bytes that come before each buffer; may be null.
+ * @param buffers    `count` buffers.
+ * @param digests    `count` outputs of 20 bytes, apart from all inputs.
+ */
+KAB_API void DDPSHA1MultiBuffer(uint32_t count, uint32_t len, const void *prefix, uint32_t prefixLen,
+                                const void *const *buffers, uint8_t *const *digests);
+
 #ifdef __cplusplus
 }
 #endif

@@ -14,7 +14,7 @@ extern "C" {
  *
  * @param number  2321 add, 2322 remove, 2323 get, 2324 look up an id.
  * @param args    the six argument words.
- * @param err     receives the second result word; 0 when there is no error.
+ * @param err     receives the second result word: 0, or an errno value negated, as the kernel reports it.
  * @return the first result word: 0 for success.
  */
 typedef int64_t (*plinth_KeyCacheSyscallFn)(uint32_t number, const uint64_t args[6], int64_t *err);

@@ -25,7 +25,8 @@ CipherError CipherByName(const char* name, const Cipher** out);
 
 /// A key from its raw bytes (64 for XTS-AES-256; both halves must differ). Released with KeyRelease.
 CipherError KeyCreate(const Cipher* cipher, const void* bytes, size_t length, plinth_Key** out);
-/// A copy for private use on one thread. Costs a reference until it works at the same time as its original.
+/// A handle for private use on one thread: another reference to the same key. Transforms of one key, on whatever
+/// threads, run one after the other.
 CipherError KeyClone(plinth_Key* key, plinth_Key** out);
 /// Wipes the key with the last reference; null is allowed.
 void KeyRelease(plinth_Key* key);

@@ -23,17 +23,17 @@ int64_t GetFromKeyring(const uint64_t args[6], int64_t* err) {
   char description[128];
   const int written = snprintf(description, sizeof description, "%s%s", kKeyPrefix, name);
   if (written < 0 || static_cast<size_t>(written) >= sizeof description) {
-    *err = EINVAL;
+    *err = -EINVAL;
     return -1;
   }
   const key_serial_t serial = request_key(kKeyType, description, nullptr, 0);
   if (serial == -1) {
-    *err = errno;
+    *err = -errno;
     return -1;
   }
   const long size = keyctl_read(serial, nullptr, 0);
   if (size != kDekSize || length < kDekSize || keyctl_read(serial, dek, length) != kDekSize) {
-    *err = EINVAL;
+    *err = -EINVAL;
     return -1;
   }
   return 0;
@@ -44,7 +44,7 @@ int64_t DefaultSyscall(uint32_t number, const uint64_t args[6], int64_t* err) {
   const long result = syscall(static_cast<long>(number), args[0], args[1], args[2], args[3], args[4], args[5]);
   if (result != -1) return result;
   if (errno == ENOSYS && number == kKeyCacheGet) return GetFromKeyring(args, err);
-  *err = errno;
+  *err = -errno;
   return -1;
 }
 

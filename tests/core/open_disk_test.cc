@@ -217,6 +217,47 @@ TEST_F(OpenDiskTest, AttachesDisksToTheirGroup) {
   EXPECT_EQ(ssd->openDiskCount, 0U);
 }
 
+// A disk in replay's slot: its own state comes from the placeholder, or the group's does and the placeholder goes.
+TEST_F(OpenDiskTest, TakesThePlaceOfAPlaceholder) {
+  for (const uint8_t mode : {uint8_t{0}, uint8_t{2}}) {
+    sample::GroupImage image(2);
+    image.Disk(1).DedupMode(mode);
+    const auto paths = image.Write(dir_.Path());
+    const Opened ssd(KABOpenSSD(paths.ssd.c_str(), O_RDONLY, 0));
+    ASSERT_NE(ssd, nullptr);
+    auto* placeholder = static_cast<KABDiskCtx*>(KABAlloc(sizeof(KABDiskCtx)));
+    placeholder->placeholder = 1;
+    placeholder->group = ssd.get();
+    placeholder->plogState = static_cast<KABPlogState*>(KABAlloc(sizeof(KABPlogState)));
+    placeholder->plogState->owner = placeholder;
+    ssd->disks[1] = placeholder;
+    KABPlogState* left = placeholder->plogState;
+    const Opened disk(KABOpenDisk(paths.disks[1].c_str(), O_RDONLY, ssd.get(), 0));
+    ASSERT_NE(disk, nullptr) << log_.Text();
+    EXPECT_EQ(ssd->disks[1], disk.get());
+    EXPECT_EQ(ssd->openDiskCount, 1U);
+    EXPECT_EQ(disk->plogState, mode == 2 ? nullptr : left);
+    if (mode != 2) {
+      EXPECT_EQ(disk->plogState->owner, disk.get());
+    }
+  }  // the leak check sees to the rest
+}
+
+TEST_F(OpenDiskTest, ASecondCloseDetachesNobody) {
+  sample::GroupImage image(1);
+  const auto paths = image.Write(dir_.Path());
+  const Opened ssd(KABOpenSSD(paths.ssd.c_str(), O_RDONLY, 0));
+  KABDiskCtx* first = KABOpenDisk(paths.disks[0].c_str(), O_RDONLY, ssd.get(), 0);
+  ASSERT_NE(first, nullptr);
+  ASSERT_EQ(KABCloseDisk(first), KAB_OK);
+  const Opened second(KABOpenDisk(paths.disks[0].c_str(), O_RDONLY, ssd.get(), 0));
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(KABCloseDisk(first), KAB_OK);
+  KABFree(&first);
+  EXPECT_EQ(ssd->openDiskCount, 1U);
+  EXPECT_EQ(ssd->disks[0], second.get());
+}
+
 TEST_F(OpenDiskTest, AFailedOpenLeavesNoDescriptorBehind) {
   const auto descriptors = [] {
     int count = 0;

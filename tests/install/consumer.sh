@@ -56,6 +56,16 @@ says "Successful" "$work/examples/dump_head" "${group[1]}" "$work/head.dump" 419
 "$work/examples/group" "${group[0]}" "${group[0]}" >/dev/null 2>&1 && fail "an SSD was taken for a capacity disk"
 "$work/examples/group" "$work/head.dump" >/dev/null 2>&1 && fail "a dump was taken for an SSD"
 
+# The Python example, with the package and the library that were installed. An interpreter that knows nothing of the
+# sanitizers cannot load a library that was built with them.
+if [ -z "${CFLAGS:-}" ]; then
+  data=$(dd if="${group[1]}" bs=1M skip=3 count=1 status=none | sha256sum | cut -d' ' -f1)
+  export PYTHONPATH LD_LIBRARY_PATH=$libdir PYTHONDONTWRITEBYTECODE=1
+  PYTHONPATH=$(dirname "$(find "$prefix" -path '*/kab/py.typed' | xargs dirname)")
+  says " $data" python3 "$source/examples/head.py" "${group[@]}"
+  unset LD_LIBRARY_PATH
+fi
+
 # zlib and LZ4 come with kab::kab: a consumer calls them without naming them.
 mkdir "$work/peers"
 cat >"$work/peers/CMakeLists.txt" <<'END'

@@ -42,6 +42,7 @@ TEST_F(KeyringTest, FindsAKeyOfTheRightLengthByName) {
 
   std::strcpy(disk.uuidText, "kab-test-nobody");
   EXPECT_EQ(KABGetDekForDisk(&disk, dek, sizeof dek), KAB_NOT_FOUND);
+  EXPECT_GT(errno, 0);  // a reason that strerror knows
 
   shortSerial_ = Add("arvo:kab-test-short", 63);
   std::strcpy(disk.uuidText, "kab-test-short");

@@ -21,6 +21,7 @@ uint32_t KABCloseDisk(KABDiskCtx* ctx) {
       KABFreePlogState(&ctx->plogState);
     }
     ctx->plogState = nullptr;
+    ctx->group = nullptr;  // closed twice, it must not detach whoever took the slot since
   } else {
     if (ctx->openDiskCount != 0) return KAB_BUSY;
     kab::ssdlog::ReleasePlaceholders(ctx);

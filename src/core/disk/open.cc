@@ -14,6 +14,7 @@
 #include "core/io/arvo_meta_format.h"
 #include "kab/core.h"
 #include "kab/ddp.h"
+#include "kab/ssdlog.h"
 #include "plinth/lock.h"
 
 namespace kab {
@@ -116,10 +117,18 @@ OpenedDisk OpenCommon(const char* path, uint32_t flags, uint8_t skipUnmountCheck
   return ctx;
 }
 
-// A placeholder that replay left in the slot hands its PLOG state over to the disk it stood for.
-void AdoptPlaceholder(KABDiskCtx* ctx, KABDiskCtx* placeholder) {
-  ctx->plogState = placeholder->plogState;
-  if (ctx->plogState != nullptr) ctx->plogState->owner = ctx;
+// A placeholder that replay left in the slot hands its PLOG state over to the disk it stood for; a disk that shares
+// its group's state has no use for another.
+void TakePlogState(KABDiskCtx* ctx, KABDiskCtx* group, KABDiskCtx* placeholder) {
+  const bool shares = DedupMode(ctx->meta) == 2;
+  if (shares) ctx->plogState = group->plogState;
+  if (placeholder == nullptr) return;
+  if (!shares) {
+    ctx->plogState = placeholder->plogState;
+    if (ctx->plogState != nullptr) ctx->plogState->owner = ctx;
+  } else if (placeholder->plogState != nullptr && placeholder->plogState != group->plogState) {
+    KABFreePlogState(&placeholder->plogState);
+  }
   KABFree(&placeholder);
 }
 
@@ -142,11 +151,7 @@ bool AttachToGroup(KABDiskCtx* ctx, KABDiskCtx* group) {
 
   ctx->devIdx = devIdx;
   ctx->group = group;
-  if (DedupMode(ctx->meta) == 2) {
-    ctx->plogState = group->plogState;
-  } else if (slot != nullptr) {
-    AdoptPlaceholder(ctx, slot);
-  }
+  TakePlogState(ctx, group, slot);
   slot = ctx;
   ctx->logPositions[0] = kNoLogPosition48;
   ++group->openDiskCount;
