@@ -137,14 +137,16 @@ KAB_API uint32_t KABAddBufferToDump(KABDumpCtx *dump, const void *data, uint32_t
 /**
  * Appends a range of an opened disk, decrypted, in records of at most 262144 bytes.
  *
- * @return 0; 2 for a failed read or append; 3 when memory is exhausted. Records already added stay in the dump.
+ * @return 0; 2 for a failed read or append, or a range that ends beyond 64 bits; 3 when memory is exhausted. Records
+ *         already added stay in the dump. A failed append marks the dump failed, a failed read does not.
  */
 KAB_API uint32_t KABAddChunkToDump(KABDumpCtx *dump, KABDiskCtx *ctx, uint32_t length, uint64_t offset);
 
 /**
  * Finishes the stream, writes the header and closes the file. The record stays the caller's to KABFree.
  *
- * When the stream cannot be finished, the descriptor stays open: a second call closes it and releases the rest.
+ * When the stream cannot be finished, the descriptor stays open: a second call closes it and releases the rest. Not
+ * to be called while another thread appends.
  *
  * @return 0; 1 when the header could not be written; 2 when the stream could not be finished, the file not be closed,
  *         an append had failed, or the dump was closed before.
@@ -174,7 +176,9 @@ KAB_API uint32_t KABOpenExtractDisk(const char *path, int32_t *fdOut, uint8_t *c
  *
  * @param truncate  nonzero sets the target's length to the source's.
  * @param write     replaces the plain write and takes over each buffer; may be null.
- * @return 0; 1 for a failed write; 2 for a bad stream, record or hash; 3 when memory is exhausted.
+ * @return 0; 1 for a failed write, or for a short header of a dump without records; 2 for a bad stream, record or
+ *         hash; 3 when memory is exhausted; else what `write` returned. When no stream can be set up, the status of the
+ *         header's read, 0 as a rule: only the line "Error: Failed to init decompression context" tells.
  */
 KAB_API uint32_t KABVerifyAndExtractDump(uint32_t dumpFd, uint32_t targetFd, uint8_t truncate, KABExtractWriteFn write);
 

@@ -157,6 +157,10 @@ uint32_t KABVerifyAndExtractDump(uint32_t dumpFd, uint32_t targetFd, uint8_t tru
 
 uint32_t KABExtractDumpToDisk(uint32_t dumpFd, uint32_t targetFd, uint8_t truncate, KABExtractWriteFn write) {
   const uint32_t st = KABVerifyAndExtractDump(dumpFd, targetFd, truncate, write);
-  if (st != KAB_OK) kab::Log("Error: Failed to extract all the chunks from dump file : %s\n", KABErrorStr(st));
+  if (st != KAB_OK) {
+    // A callback may return any number, the table of texts ends.
+    const uint32_t known = st < KAB_STATUS_COUNT ? st : uint32_t{KAB_GENERAL_FAILURE};
+    kab::Log("Error: Failed to extract all the chunks from dump file : %s\n", KABErrorStr(known));
+  }
   return st;
 }

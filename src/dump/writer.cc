@@ -127,7 +127,10 @@ KABDumpCtx* KABInitDumpFile(const char* dumpPath, const char* devicePath, uint64
   const kab::Owned<char> deviceName(baseName);
 
   auto* dump = static_cast<KABDumpCtx*>(KABAlloc(sizeof(KABDumpCtx)));
-  if (dump == nullptr) return nullptr;
+  if (dump == nullptr) {
+    kab::Log("Error: Failed to allocate dump context for %s\n", dumpPath);
+    return nullptr;
+  }
   const int fd = open(dumpPath, O_RDWR | O_CREAT | O_EXCL, 0644);
   const int openError = errno;
 
@@ -150,7 +153,10 @@ KABDumpCtx* KABInitDumpFile(const char* dumpPath, const char* devicePath, uint64
   std::memcpy(header->deviceName, baseName, strnlen(baseName, kDeviceNameSize));
 
   dump->hashState = kab::plinth::Sha256Start();
-  if (dump->hashState == nullptr) return GiveUpCreation(dump, fd, dumpPath);
+  if (dump->hashState == nullptr) {
+    kab::Log("Error: Failed to init hash context\n");
+    return GiveUpCreation(dump, fd, dumpPath);
+  }
   dump->compress = KABCompressInit(dump->fd, kStreamOffset);
   if (dump->compress == nullptr) {
     kab::Log("Error: Failed to init compression context\n");
