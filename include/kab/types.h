@@ -231,7 +231,7 @@ typedef struct ARVOUUIDTable {
   void *owner; /**< the creator's, not used by the table */
   uint32_t bucketCount;
   ARVOUUIDTableMatchFn matchFn;
-  ARVOUUIDTableLink buckets[]; /**< an empty bucket's head points to itself */
+  __extension__ ARVOUUIDTableLink buckets[]; /**< an empty bucket's head points to itself */
 } ARVOUUIDTable;
 
 /* ---- SSD log ----------------------------------------------------------------------------------------------- */
