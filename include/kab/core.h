@@ -199,8 +199,7 @@ KAB_API uint32_t KABUpdateDiskEncryptionInfo(KABDiskCtx *ctx, const char *path);
  * @param path      absolute or relative.
  * @param fullPath  may be null. Not usable: what it names is released before the call returns; only null is of use.
  * @param baseName  the last component as a new text, to be released with KABFree; may be null. Null on failure.
- * @return 0; 2 with a line on the log stream when the path cannot be resolved or does not exist; 3 when memory is
- *         exhausted.
+ * @return 0; 2 when the path cannot be resolved or does not exist; 3 when memory is exhausted. Each with a line.
  */
 KAB_API uint32_t KABExtractDeviceName(const char *path, char **fullPath, char **baseName);
 

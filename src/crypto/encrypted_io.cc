@@ -2,7 +2,6 @@
 // the tweak of its byte offset from the area's start. What lies before the area is in clear.
 
 #include <errno.h>
-#include <openssl/crypto.h>
 #include <string.h>
 
 #include <algorithm>

@@ -162,6 +162,7 @@ TEST_F(OpenDiskTest, AnEncryptedDiskOpensWithItsKeyOnly) {
     const Opened disk = Open(image);
     ASSERT_NE(disk, nullptr) << log_.Text();
     EXPECT_EQ(disk->encrypted, 1);
+    EXPECT_EQ(KABUpdateDiskEncryptionInfo(disk.get(), nullptr), KAB_OK);  // again: the former key is released
     std::vector<uint8_t> buf(secret.size());
     ASSERT_EQ(KABRead(disk.get(), buf.data(), static_cast<uint32_t>(buf.size()), 3145728 + 777), KAB_OK);
     EXPECT_EQ(buf, secret);

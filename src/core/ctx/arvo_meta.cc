@@ -7,6 +7,7 @@
 #include "core/io/arvo_meta_format.h"
 #include "kab/core.h"
 #include "kab/crypto.h"
+#include "plinth/cipher.h"
 
 int32_t KABGetDevIdx(const uint8_t* meta, uint64_t uuidLow, uint64_t uuidHigh) {
   for (int32_t i = 0; i < KAB_DISKS_PER_GROUP; ++i) {
@@ -51,7 +52,13 @@ uint32_t KABUpdateDiskEncryptionInfo(KABDiskCtx* ctx, const char* /*path*/) {
   if (!encrypted) return KAB_OK;
 
   ctx->encrypted = 1;  // before the key is there: without it, nothing may read the data area as if it were clear
-  const uint32_t st = KABGetCryptoKeyForDisk(ctx, &ctx->cryptoKey);
-  if (st != KAB_OK) kab::Log("%s: Error: Failed to get crypto key for encrypted disk\n", ctx->uuidText);
-  return st;
+  plinth_Key* key = nullptr;
+  const uint32_t st = KABGetCryptoKeyForDisk(ctx, &key);
+  if (st != KAB_OK) {
+    kab::Log("%s: Error: Failed to get crypto key for encrypted disk\n", ctx->uuidText);
+    return st;
+  }
+  kab::plinth::KeyRelease(ctx->cryptoKey);  // of an earlier call
+  ctx->cryptoKey = key;
+  return KAB_OK;
 }

@@ -17,7 +17,10 @@ uint32_t KABExtractDeviceName(const char* path, char** fullPath, char** baseName
     return KAB_GENERAL_FAILURE;
   }
   kab::Owned<char> last(kab::plinth::LastComponent(resolved.get()));
-  if (last == nullptr) return KAB_OUT_OF_MEMORY;
+  if (last == nullptr) {
+    kab::Log("Error: Failed to allocate the device name of %s\n", path);
+    return KAB_OUT_OF_MEMORY;
+  }
   if (baseName != nullptr) *baseName = last.release();
   // Released on return: the full path is never usable, and callers ask only for the base name.
   if (fullPath != nullptr) *fullPath = resolved.get();
