@@ -104,8 +104,8 @@ DumpFile::DumpFile(const std::string& path) : path_(path) {
 DumpFile::~DumpFile() { close(fd_); }
 
 Verdict DumpFile::JudgeHeader() const {
-  if (short_) return {Verdict::kNotADump, "too short for a dump"};
   if (header_.magic == 0) return {Verdict::kUnfinished, "unfinished, or no dump at all: no header was written"};
+  if (short_) return {Verdict::kNotADump, "too short for a dump"};
   if (header_.magic != KAB_DUMP_MAGIC) return {Verdict::kNotADump, "not a dump: no dump's magic number"};
   if (header_.version != KAB_DUMP_VERSION) {
     return {Verdict::kForeignVersion,

@@ -44,6 +44,10 @@ int Main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (app.get_subcommands().empty() && !app.remaining().empty()) {
+      tool.log.Line(fmt::format("kab: {}: no such command or option; kab --help lists them", app.remaining()[0]));
+      return static_cast<int>(Exit::kUsage);
+    }
     return app.exit(error) == 0 ? 0 : static_cast<int>(Exit::kUsage);
   }
 

@@ -18,7 +18,10 @@ bool Exists(const std::string& path) {
 }
 
 void RefuseExisting(const std::string& path, bool force) {
-  if (!force && Exists(path)) throw Failure(Exit::kUsage, fmt::format("{} exists; --force replaces it", path));
+  struct stat info;
+  const bool stream = stat(path.c_str(), &info) == 0 && (S_ISCHR(info.st_mode) || S_ISFIFO(info.st_mode));
+  if (!force && !stream && Exists(path))
+    throw Failure(Exit::kUsage, fmt::format("{} exists; --force replaces it", path));
 }
 
 PendingName::PendingName(std::string path, bool force)
@@ -54,7 +57,7 @@ OutFile::OutFile(const std::string& path, bool force) : path_(path) {
   if (path == "-") {
     fd_ = dup(STDOUT_FILENO);
   } else if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
-    RefuseExisting(path, force || S_ISCHR(info.st_mode) || S_ISFIFO(info.st_mode));
+    RefuseExisting(path, force);
     fd_ = open(path.c_str(), O_WRONLY | O_CLOEXEC);
   } else {
     pending_ = std::make_unique<PendingName>(path, force);

@@ -26,7 +26,7 @@ class PendingName {
   bool committed_ = false;
 };
 
-/// Fails when `path` exists, unless `force`.
+/// Fails when `path` exists and something would be lost by writing there, unless `force`.
 void RefuseExisting(const std::string& path, bool force);
 bool Exists(const std::string& path);
 

@@ -45,18 +45,20 @@ struct Layout {
 
 // Some of everything: noise, text that compresses well, and zeros.
 void FillPlain(sample::GroupImage& group, uint64_t seed) {
-  const auto fill = [seed](sample::DiskImage& disk, uint64_t number) {
+  const auto fill = [seed](sample::DiskImage& disk, uint64_t number, const std::string& name) {
     const uint64_t end = disk.size() - sample::kGptSize;
     const uint64_t part = std::min<uint64_t>((end - sample::kDataOffset) / 4, 1 << 20);
     disk.FillNoise(sample::kDataOffset, part, seed * 1000 + number);
     std::string text;
     for (uint64_t line = 0; text.size() < part; line++) {
-      text += fmt::format("disk {} line {} of seed {}\n", number, line, seed);
+      text += fmt::format("{} line {} of seed {}\n", name, line, seed);
     }
     disk.PutBytes(sample::kDataOffset + part, {reinterpret_cast<const uint8_t*>(text.data()), part});
   };
-  fill(group.Ssd(), 0);
-  for (uint32_t i = 0; i < group.DiskCount(); i++) fill(group.Disk(i), i + 1);
+  fill(group.Ssd(), 0, "ssd");
+  for (uint32_t i = 0; i < group.DiskCount(); i++) {
+    fill(group.Disk(i), i + 1, fmt::format("disk {}", i));
+  }
 }
 
 constexpr Layout kLayouts[] = {
