@@ -243,7 +243,7 @@ TEST_F(DumpWriterTest, ADumpThatCannotBeMadeLeavesNothing) {
     }
     EXPECT_FALSE(std::filesystem::exists(path_)) << nth;
     // The record, its lock, the three blocks of a stream, and what zlib takes.
-    EXPECT_EQ(log_.Text(), nth == 1   ? ""
+    EXPECT_EQ(log_.Text(), nth == 1   ? "Error: Failed to allocate dump context for " + path_ + "\n"
                            : nth == 2 ? "Error: Failed to create exclusive lock.\n"
                            : nth <= 5 ? "Error: Failed to init compression context\n"
                                       : "Error: deflateInit failure.\nError: Failed to init compression context\n")
