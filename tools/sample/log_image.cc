@@ -29,18 +29,28 @@ struct Mixer {
   uint64_t a = 42, b = 42, c = 0x9E3779B97F4A7C13;
 
   void Mix() {
+    for (size_t i = 0; i < 12; i++) Step(i, false);
+  }
+  void Unmix() {
+    for (size_t i = 12; i-- != 0;) Step(i, true);
+  }
+
+ private:
+  void Step(size_t i, bool back) {
     static constexpr struct {
       bool left;
       uint32_t shift;
     } kSteps[] = {{false, 43}, {true, 9},  {false, 8},  {false, 38}, {true, 23}, {false, 5},
                   {false, 35}, {true, 49}, {false, 11}, {false, 12}, {true, 18}, {false, 22}};
     uint64_t* words[] = {&a, &b, &c};
-    for (size_t i = 0; i < 12; i++) {
-      uint64_t& first = *words[i % 3];
-      const uint64_t second = *words[(i + 1) % 3];
-      const uint64_t third = *words[(i + 2) % 3];
-      first = first - second - third;
-      first ^= kSteps[i].left ? third << kSteps[i].shift : third >> kSteps[i].shift;
+    uint64_t& first = *words[i % 3];
+    const uint64_t second = *words[(i + 1) % 3];
+    const uint64_t third = *words[(i + 2) % 3];
+    const uint64_t shifted = kSteps[i].left ? third << kSteps[i].shift : third >> kSteps[i].shift;
+    if (back) {
+      first = (first ^ shifted) + second + third;
+    } else {
+      first = (first - second - third) ^ shifted;
     }
   }
 };
@@ -169,6 +179,22 @@ void LogImage::SealBlock(DiskImage& ssd, uint64_t blkNo) {
 void LogImage::SealRecord(DiskImage& ssd, uint64_t copy) {
   const uint64_t at = BlkOffset(copy);
   ssd.Put64(at + 132, MixRecord(ssd.GetBytes(at, 140)));
+}
+
+void LogImage::ForgeBlock(DiskImage& ssd, uint64_t blkNo, uint64_t checksum) {
+  const uint64_t at = BlkOffset(blkNo);
+  const std::vector<uint8_t> block = ssd.GetBytes(at, kLogBlock);
+  Mixer have;  // before the last full group
+  for (size_t k = 0; k < 507; k += 3) {
+    have.a += Word(block, 8 * k), have.b += k == 6 ? 0 : Word(block, 8 * (k + 1)), have.c += Word(block, 8 * (k + 2));
+    have.Mix();
+  }
+  Mixer want{0, 0, checksum};
+  want.Unmix();
+  want.c -= 512;
+  want.Unmix();
+  ssd.Put64(at + 8 * 507, want.a - have.a).Put64(at + 8 * 508, want.b - have.b).Put64(at + 8 * 509, want.c - have.c);
+  ssd.Put64(at + 8 * 510, 0).Put64(at + 8 * 511, 0).Put64(at + 56, checksum);
 }
 
 std::vector<uint64_t> LogImage::WriteChain(const LogChain& chain, uint64_t* nextBlk) {

@@ -77,6 +77,8 @@ class LogImage {
   /// Makes a block's, or a record's (blocks 0 and 1), checksum right again after a test spoiled something.
   static void SealBlock(DiskImage& ssd, uint64_t blkNo);
   static void SealRecord(DiskImage& ssd, uint64_t copy);
+  /// Makes a block valid with a checksum of choice: its last 40 bytes are what that takes. The mix is no hash.
+  static void ForgeBlock(DiskImage& ssd, uint64_t blkNo, uint64_t checksum);
   static uint64_t BlkOffset(uint64_t blkNo) { return kDataOffset + blkNo * kLogBlock; }
 
  private:
