@@ -114,11 +114,12 @@ KAB_LANES_TARGET KAB_INLINE void LaneRounds(LaneState& s, __m512i w[16]) {
     constexpr uint32_t kConstants[4] = {0x5A827999, 0x6ED9EBA1, 0x8F1BBCDC, 0xCA62C1D6};
     // Truth tables of choose, parity and majority over b, c, d.
     constexpr int kFunctions[4] = {0xCA, 0x96, 0xE8, 0x96};
+    constexpr int kFunction = kFunctions[T / 20];  // an immediate also in a build without optimisation
     if constexpr (T >= 16) {
       const __m512i mixed = _mm512_ternarylogic_epi32(w[(T + 13) % 16], w[(T + 8) % 16], w[(T + 2) % 16], 0x96);
       w[T % 16] = _mm512_rol_epi32(_mm512_xor_si512(mixed, w[T % 16]), 1);
     }
-    const __m512i f = _mm512_ternarylogic_epi32(s.b, s.c, s.d, kFunctions[T / 20]);
+    const __m512i f = _mm512_ternarylogic_epi32(s.b, s.c, s.d, kFunction);
     const __m512i input = _mm512_add_epi32(w[T % 16], _mm512_set1_epi32(static_cast<int>(kConstants[T / 20])));
     const __m512i sum = _mm512_add_epi32(_mm512_add_epi32(s.e, input), f);
     s.e = s.d;
