@@ -37,7 +37,7 @@ struct OrloVdisk {
   std::vector<OrloRun> runs;
   uint64_t root = kNoPhysical;  // map block
   uint32_t levels = 0;
-  std::vector<uint64_t> mapBlocks;  // leaves first, the root last
+  std::vector<uint64_t> mapBlocks = {};  // leaves first, the root last
 };
 
 /// Writes Orlo structures into a disk whose size the caller chose; the disk must outlive the writer.
