@@ -16,8 +16,8 @@ constexpr uint32_t kOldestVersion = 6;
 constexpr uint32_t kNewestVersion = 7;
 
 constexpr uint64_t kLsarMask = 0xffffffffffff;
-constexpr uint64_t kGroupSectors = 8192;   // a map page in every group of so many sectors
-constexpr uint64_t kMapPageAt = 8200;      // in the group that starts at sector 8192
+constexpr uint64_t kGroupSectors = 8192;              // a map page in every group of so many sectors
+constexpr uint64_t kMapPageAt = 8200;                 // in the group that starts at sector 8192
 constexpr uint64_t kOffsetMask = 0x01fffffffffffe00;  // bits 9 to 56
 constexpr uint32_t kSectorSize = 512;
 

@@ -68,8 +68,8 @@ uint32_t OrloReadWriteVBTLeafRecCommon(KABDiskCtx* disk, void* buf, uint32_t max
   return direction == 0 ? OrloWriteData(disk, place, length, offset) : uint32_t{KAB_OK};
 }
 
-uint32_t OrloReadWriteVBTLeafRec(KABDiskCtx* disk, void* buf, uint32_t maxBytes, uint32_t direction,
-                                 const void* record, uint32_t logical) {
+uint32_t OrloReadWriteVBTLeafRec(KABDiskCtx* disk, void* buf, uint32_t maxBytes, uint32_t direction, const void* record,
+                                 uint32_t logical) {
   const kab::orlo::Record run = kab::orlo::DecodeRecordV6(record);
   return OrloReadWriteVBTLeafRecCommon(disk, buf, maxBytes, direction, run.type, run.count, run.physical, logical);
 }
@@ -105,8 +105,8 @@ uint32_t OrloReadWriteComponentSuperBlockUUID(KABDiskCtx* disk, const void* desc
                                               uint32_t direction) {
   const uint32_t version = kab::orlo::FormatVersion(disk);
   uint8_t entry[ORLO_VDISK_ENTRY_SIZE] = {};
-  uint32_t st = version == 6 ? OrloReadVdisk(disk, desc, uuidText, entry)
-                             : OrloReadVdiskV4Plus(disk, desc, uuidText, entry);
+  uint32_t st =
+      version == 6 ? OrloReadVdisk(disk, desc, uuidText, entry) : OrloReadVdiskV4Plus(disk, desc, uuidText, entry);
   if (st != KAB_OK) {
     Log("%s: Error: Orlo vdisk Read failed\n", disk->uuidText);
     return st;

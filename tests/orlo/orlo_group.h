@@ -51,9 +51,7 @@ class OrloGroup {
     KABFree(&ssd);
   }
   KABDiskCtx* Disk() { return disks.front(); }
-  OrloBTreeCursor Cursor(uint64_t root) {
-    return {root, nullptr, 0, orlo.front().version(), Disk()};
-  }
+  OrloBTreeCursor Cursor(uint64_t root) { return {root, nullptr, 0, orlo.front().version(), Disk()}; }
   std::vector<uint8_t> DiskBytes(size_t disk) const { return ReadFile(paths_.disks.at(disk)); }
 
   LogCapture log;

@@ -23,7 +23,8 @@ OrloImage::OrloImage(DiskImage& disk, uint8_t version) : disk_(disk), version_(v
 uint64_t OrloImage::Allocate(uint64_t blocks) {
   const uint64_t first = nextBlock_;
   nextBlock_ += blocks;
-  if (BlockAt(nextBlock_) + kGptSize > disk_.size()) throw std::runtime_error("the disk is too small for its components");
+  if (BlockAt(nextBlock_) + kGptSize > disk_.size())
+    throw std::runtime_error("the disk is too small for its components");
   return first;
 }
 

@@ -15,11 +15,11 @@ constexpr uint64_t kNoPhysical = ~0ULL;
 
 /// One leaf record; runs of a component rise and do not overlap.
 struct OrloRun {
-  uint32_t logical;             // block
-  uint32_t count;               // blocks
-  uint8_t type = 1;             // 6 bits
-  bool hole = false;            // no physical block
-  uint64_t physical = 0;        // block; chosen by the builder
+  uint32_t logical;       // block
+  uint32_t count;         // blocks
+  uint8_t type = 1;       // 6 bits
+  bool hole = false;      // no physical block
+  uint64_t physical = 0;  // block; chosen by the builder
 };
 
 /// How a map tree is cut into blocks. 0: as many as fit.
