@@ -294,6 +294,10 @@ class Cli(unittest.TestCase):
         target = read_file(self.path("t"))
         self.assertEqual(target, bytes(MIB) + picture[MIB:MIB + 8192] + bytes(7 * MIB - 8192))
         self.kab("extract", "--in-place", "d", "nowhere", code=2)
+        for arguments in ["extract", "--force", "d", "./d"], ["extract", "--in-place", "d", "d"], \
+                ["dump", "--force", "-o", "group/ssd.img", self.disks[0]], \
+                ["read", "--force", "-r", "0:1", "-o", "group/disk0.img", *self.disks[:2]]:
+            self.assertIn("is what this command reads from", self.kab(*arguments, code=2)[1])
         self.assertEqual(sorted(os.listdir(self.work)), ["d", "group", "t"])
 
     def test_damaged_dumps(self):

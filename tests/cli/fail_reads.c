@@ -25,5 +25,9 @@ static ssize_t Read(const char* name, int fd, void* buf, size_t count, off_t off
   return real(fd, buf, count, offset);
 }
 
-ssize_t pread(int fd, void* buf, size_t count, off_t offset) { return Read("pread", fd, buf, count, offset); }
-ssize_t pread64(int fd, void* buf, size_t count, off_t offset) { return Read("pread64", fd, buf, count, offset); }
+__attribute__((visibility("default"))) ssize_t pread(int fd, void* buf, size_t count, off_t offset) {
+  return Read("pread", fd, buf, count, offset);
+}
+__attribute__((visibility("default"))) ssize_t pread64(int fd, void* buf, size_t count, off_t offset) {
+  return Read("pread64", fd, buf, count, offset);
+}

@@ -152,6 +152,7 @@ Exit Run(Tool& tool, const Options& options) {
   if (options.out == "-") {
     throw Failure(Exit::kUsage, "-o -: a dump's header is written last, which stdout cannot do");
   }
+  RefuseInput(options.out, options.group.Paths());
   RefuseExisting(options.out, options.force);
   Group group(tool, options.group);
   KABDiskCtx* ctx = group.Chosen();

@@ -112,6 +112,7 @@ Verdict ExtractInPlace(Tool& tool, const Options& options, const DumpFile& dump)
 }
 
 Exit Run(Tool& tool, const Options& options) {
+  RefuseInput(options.target, {options.dump});
   struct stat info;
   const bool exists = stat(options.target.c_str(), &info) == 0;
   const bool device = exists && S_ISBLK(info.st_mode);

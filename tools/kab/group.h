@@ -17,6 +17,12 @@ struct GroupOptions {
   std::vector<std::string> disks;
   bool skipUnmountCheck = false;
   std::string disk;  // --disk, when the command has it
+
+  std::vector<std::string> Paths() const {
+    std::vector<std::string> paths = {ssd};
+    paths.insert(paths.end(), disks.begin(), disks.end());
+    return paths;
+  }
 };
 
 /// SSD, DISK... and --skip-unmount-check.

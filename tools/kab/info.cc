@@ -94,14 +94,13 @@ void PrintDisk(const char* role, const KABDiskCtx& ctx) {
 Exit Run(Tool& tool, const GroupOptions& options) {
   Group group(tool, options);
   const KABDiskCtx& ssd = *group.ssd();
-  const bool hasTable = FactsOf(ssd).type != kType11;  // the table's place holds other things there
   if (tool.json) {
     Json object = Tool::Header("info");
     object["ssd"] = DiskJson(ssd);
     object["disks"] = Json::array();
     for (const KABDiskCtx* ctx : group.disks()) object["disks"].push_back(DiskJson(*ctx));
     object["slots"] = Json::array();
-    for (size_t slot = 0; hasTable && slot < KAB_DISKS_PER_GROUP; slot++) {
+    for (size_t slot = 0; slot < KAB_DISKS_PER_GROUP; slot++) {
       const std::string uuid = SlotUuid(ssd, slot);
       object["slots"].push_back(
           {{"slot", slot}, {"uuid", uuid.empty() ? Json(nullptr) : Json(uuid)}, {"open", ssd.disks[slot] != nullptr}});
@@ -114,7 +113,7 @@ Exit Run(Tool& tool, const GroupOptions& options) {
   for (const KABDiskCtx* ctx : group.disks()) PrintDisk("Disk", *ctx);
   std::string text = "Slots\n";
   bool any = false;
-  for (size_t slot = 0; hasTable && slot < KAB_DISKS_PER_GROUP; slot++) {
+  for (size_t slot = 0; slot < KAB_DISKS_PER_GROUP; slot++) {
     const std::string uuid = SlotUuid(ssd, slot);
     if (uuid.empty()) continue;
     any = true;

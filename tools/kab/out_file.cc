@@ -24,6 +24,17 @@ void RefuseExisting(const std::string& path, bool force) {
     throw Failure(Exit::kUsage, fmt::format("{} exists; --force replaces it", path));
 }
 
+void RefuseInput(const std::string& output, const std::vector<std::string>& inputs) {
+  struct stat out;
+  if (stat(output.c_str(), &out) != 0) return;
+  for (const std::string& input : inputs) {
+    struct stat in;
+    if (stat(input.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino) {
+      throw Failure(Exit::kUsage, fmt::format("{} is what this command reads from", output));
+    }
+  }
+}
+
 PendingName::PendingName(std::string path, bool force)
     : path_(std::move(path)), name_(fmt::format("{}.kab-{}", path_, getpid())), force_(force) {
   RefuseExisting(path_, force_);

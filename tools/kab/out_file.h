@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace tool {
 
@@ -29,6 +30,8 @@ class PendingName {
 /// Fails when `path` exists and something would be lost by writing there, unless `force`.
 void RefuseExisting(const std::string& path, bool force);
 bool Exists(const std::string& path);
+/// Fails, whatever is forced, when an output is one of the command's inputs under any name.
+void RefuseInput(const std::string& output, const std::vector<std::string>& inputs);
 
 /// A file to write to: "-" is stdout, an existing device or pipe is written directly, a file becomes whole at Commit.
 class OutFile {

@@ -77,7 +77,10 @@ std::string HexListing(const std::vector<uint8_t>& bytes, uint64_t offset) {
 
 Exit Run(Tool& tool, const Options& options) {
   if (tool.json && options.out != "-") throw Failure(Exit::kUsage, "--json and -o exclude each other");
-  if (options.out != "-") RefuseExisting(options.out, options.force);
+  if (options.out != "-") {
+    RefuseInput(options.out, options.group.Paths());
+    RefuseExisting(options.out, options.force);
+  }
   Group group(tool, options.group);
   KABDiskCtx* ctx = group.Chosen();
   const std::vector<Range> ranges = RangeArguments(options.ranges, ctx->diskSize);
