@@ -139,6 +139,7 @@ struct Bucketlist {
   BucketlistStats stats;
   uint32_t seed;
   uint32_t unsortedSteps;         /**< iterator steps in unsorted nodes since the last insertion */
+  uint32_t shiftCredit;           /**< insertions that have not yet paid for moving entries to predecessors */
   BucketlistDirectory *directory; /**< the nodes' min keys side by side; null: the skip list alone answers */
 };
 

@@ -24,6 +24,9 @@ namespace {
 constexpr uint32_t kNoEntry = 2;
 constexpr uint32_t kLookBack = 7;
 constexpr uint32_t kLevels = BUCKETLIST_LEVELS;
+// Insertions that pay for one step of moving entries back: filling every gap would cost more than the nodes it saves.
+constexpr uint32_t kStepPrice = 1024;
+constexpr uint32_t kMaxCredit = kLookBack * kStepPrice;
 // A node below the first width joins a neighbour when both together stay within the second.
 constexpr uint32_t kSparse = 128;
 constexpr uint32_t kJoined = 512;
@@ -165,27 +168,20 @@ bool Locate(const BucketlistIterator& iter, Place* place) {
   return FindAtLeast(node, iter.key, place) && keys[place->slot] == iter.key;
 }
 
-// Moves the smallest entries of each node of a chain of full ones into its predecessor, so that `node` gains room.
-// Nothing is lost when memory runs out on the way.
-uint32_t ShiftBack(Bucketlist* list, BucketlistNode* node, BucketlistNode* roomy, uint32_t distance) {
-  const uint32_t room = kNodeEntries - Width(*roomy);
-  const bool last = node->forward[0] == nullptr;
-  // The room is shared by all; keys that rise need it at the end alone.
-  const uint32_t share = room / (distance + 1);
+// Moves the smallest entries of each node of a chain of full ones into its predecessor, so that `node`, `distance`
+// behind the roomy one, gains room. Nothing is lost when memory runs out on the way.
+uint32_t ShiftBack(Bucketlist* list, BucketlistNode* roomy, uint32_t distance) {
+  const uint32_t share = (kNodeEntries - Width(*roomy)) / (distance + 1);  // the room is shared by all
+  BucketlistNode* to = roomy;
   for (uint32_t step = distance; step > 0; --step) {
-    BucketlistNode* to = roomy;
     BucketlistNode* from = to->forward[0];
-    uint32_t count = last ? room : share * step;
-    if (count == 0) count = 1;
-    if (count >= Width(*from)) count = Width(*from) - 1;
     const Held heldTo(list, to);
     if (heldTo.Status() != KAB_OK) return heldTo.Status();
     const Held heldFrom(list, from);
     if (heldFrom.Status() != KAB_OK) return heldFrom.Status();
-    MoveSmallest(from, to, count);
+    MoveSmallest(from, to, share != 0 ? share * step : 1);
     RefreshMin(list, from);
-    if (last && from == node) MoveRunToFront(from);
-    roomy = from;
+    to = from;
   }
   return KAB_OK;
 }
@@ -207,23 +203,42 @@ uint32_t Split(Bucketlist* list, BucketlistNode* node) {
   return KAB_OK;
 }
 
+// Whether the tuple goes behind all entries of the last node.
+uint32_t IsRising(Bucketlist* list, BucketlistNode* node, uint64_t key, bool* rising) {
+  if (node->forward[0] != nullptr) return KAB_OK;
+  const Held held(list, node);
+  if (held.Status() != KAB_OK) return held.Status();
+  Place place;
+  *rising = !FindAtLeast(*node, key, &place);
+  return KAB_OK;
+}
+
 // Gives a full node room, or puts a rising tuple in a node of its own and says so.
 uint32_t MakeRoom(Bucketlist* list, BucketlistNode* node, const uint64_t* tuple, bool* inserted) {
+  bool rising = false;
+  uint32_t st = IsRising(list, node, tuple[0], &rising);
+  if (st != KAB_OK) return st;
+  BucketlistNode* roomy = nullptr;
+  uint32_t distance = 0;
   BucketlistNode* behind = node;
-  for (uint32_t distance = 1; distance <= kLookBack && behind->back != HeadOf(list); ++distance) {
+  for (uint32_t i = 1; i <= kLookBack && roomy == nullptr && behind->back != HeadOf(list); ++i) {
     behind = behind->back;
-    if (!IsFull(behind)) return ShiftBack(list, node, behind, distance);
+    if (IsFull(behind)) continue;
+    roomy = behind;
+    distance = i;
   }
-  if (node->forward[0] == nullptr) {
-    const Held held(list, node);
-    if (held.Status() != KAB_OK) return held.Status();
-    Place place;
-    if (!FindAtLeast(*node, tuple[0], &place)) {
-      *inserted = AddNode(list, tuple) != nullptr;
-      return *inserted ? KAB_OK : KAB_INVALID_ARGUMENT;
-    }
+  if (!rising && roomy != nullptr && list->shiftCredit >= distance * kStepPrice) {
+    list->shiftCredit -= distance * kStepPrice;
+    return ShiftBack(list, roomy, distance);
   }
-  return Split(list, node);
+  if (rising) {
+    *inserted = AddNode(list, tuple) != nullptr;
+    st = *inserted ? uint32_t{KAB_OK} : uint32_t{KAB_INVALID_ARGUMENT};
+  } else {
+    st = Split(list, node);
+  }
+  // Without memory for another node, any room will do.
+  return st != KAB_OK && roomy != nullptr ? ShiftBack(list, roomy, distance) : st;
 }
 
 // Moves all of `from` behind the entries of its predecessor `to` and unlinks it. Both are referenced.
@@ -402,6 +417,7 @@ void Bucketlist_Destroy(Bucketlist* list) {
 
 uint32_t Bucketlist_Insert(Bucketlist* list, const uint64_t* tuple) {
   list->unsortedSteps = 0;
+  if (list->shiftCredit < kMaxCredit) ++list->shiftCredit;
   for (;;) {
     BucketlistNode* node = Candidate(list, tuple[0]);
     if (node == nullptr) return AddNode(list, tuple) != nullptr ? KAB_OK : KAB_INVALID_ARGUMENT;

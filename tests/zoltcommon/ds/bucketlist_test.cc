@@ -304,15 +304,16 @@ TEST(Bucketlist, RisingKeysFillTheirNodes) {
 }
 
 TEST(Bucketlist, AFullNodeFindsRoomWithinSevenPredecessors) {
-  for (const uint32_t full : {7U, 8U}) {
+  for (const uint32_t distance : {1U, 7U, 8U}) {
     Bucketlist list;
     Bucketlist_Init(&list, nullptr, 5);
-    Fill(&list, 1, 1024 * (full + 1));  // full nodes, all but the first without room
+    for (uint64_t key = 0; key < 1024 * 9; ++key) Fill(&list, key * 2, 1);
+    ASSERT_EQ(list.stats.numNodes, 9U);
     BucketlistIterator iter;
-    ASSERT_EQ(Bucketlist_LowerBound(&list, &iter, 5), 0U);
+    ASSERT_EQ(Bucketlist_LowerBound(&list, &iter, (8 - distance) * 2048 + 10), 0U);
     ASSERT_EQ(Bucketlist_DeleteInvalidateIter(&list, &iter), 0U);
-    Fill(&list, 1024 * (full + 1) + 1, 1);
-    EXPECT_EQ(list.stats.numNodes, full == 7 ? 8U : 10U) << full;
+    Fill(&list, 8 * 2048 + 7, 1);
+    EXPECT_EQ(list.stats.numNodes, distance <= 7 ? 9U : 10U) << distance;
     Bucketlist_Validate(&list);
     Bucketlist_Destroy(&list);
   }
