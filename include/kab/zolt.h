@@ -50,10 +50,6 @@ KAB_API void KABComponentClose(KABComponentHandle *handle);
  */
 KAB_API uint32_t KABIsZOLTCompSblkValid(const void *sblk);
 
-/** Match function of a component table, whose records are KABComponentState; the extra values play no part. */
-KAB_API uint32_t KABComponentMatchUUID(const ARVOUUIDTableLink *link, uint64_t keyLow, uint64_t keyHigh,
-                                       uint64_t extra1, uint64_t extra2);
-
 #ifdef __cplusplus
 }
 #endif

@@ -16,16 +16,11 @@ namespace {
 
 constexpr uint64_t kLeastReserve = 2097152;
 
-const KABComponentState* StateOf(const ARVOUUIDTableLink* link) {
-  return reinterpret_cast<const KABComponentState*>(reinterpret_cast<const uint8_t*>(link) -
-                                                    offsetof(KABComponentState, link));
-}
-
 KABComponentState* FindState(const KABDiskCtx* ctx, const uint8_t uuid[16]) {
   if (ctx->componentTable == nullptr) return nullptr;
-  const ARVOUUIDTableLink* link =
-      ARVOUUIDTable_Find(ctx->componentTable, Load<uint64_t>(uuid), Load<uint64_t>(uuid + 8));
-  return link == nullptr ? nullptr : const_cast<KABComponentState*>(StateOf(link));
+  ARVOUUIDTableLink* link = ARVOUUIDTable_Find(ctx->componentTable, Load<uint64_t>(uuid), Load<uint64_t>(uuid + 8));
+  if (link == nullptr) return nullptr;
+  return reinterpret_cast<KABComponentState*>(reinterpret_cast<uint8_t*>(link) - offsetof(KABComponentState, link));
 }
 
 /// Byte count and key stand in each other's place, and must: tools depend on what such a read fills.
@@ -100,10 +95,4 @@ void KABComponentClose(KABComponentHandle* handle) {
   if (handle == nullptr) return;
   OrloCloseComponent(handle->orloComp);
   KABFree(&handle);
-}
-
-uint32_t KABComponentMatchUUID(const ARVOUUIDTableLink* link, uint64_t keyLow, uint64_t keyHigh, uint64_t /*extra1*/,
-                               uint64_t /*extra2*/) {
-  const KABComponentState* state = kab::zolt::StateOf(link);
-  return state->uuidLow == keyLow && state->uuidHigh == keyHigh ? 1 : 0;
 }
