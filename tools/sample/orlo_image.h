@@ -2,6 +2,7 @@
 // Orlo data on a capacity disk: block 0, the registry, components with their map trees and data.
 
 #include <cstdint>
+#include <deque>
 #include <span>
 #include <string>
 #include <vector>
@@ -57,7 +58,7 @@ class OrloImage {
   /// The component's bytes as its runs say, whatever became of its map.
   std::vector<uint8_t> Picture(size_t vdisk, uint64_t offset, uint64_t length) const;
 
-  const std::vector<OrloVdisk>& vdisks() const { return vdisks_; }
+  const std::deque<OrloVdisk>& vdisks() const { return vdisks_; }
   uint8_t version() const { return version_; }
   /// Byte offset on the disk of a block of the data area.
   static uint64_t BlockAt(uint64_t block) { return kDataOffset + block * kMapBlock; }
@@ -81,7 +82,7 @@ class OrloImage {
   DiskImage& disk_;
   uint8_t version_;
   uint64_t nextBlock_ = 64;
-  std::vector<OrloVdisk> vdisks_;
+  std::deque<OrloVdisk> vdisks_;  // what AddVdisk returned stays where it is
 };
 
 }  // namespace sample
