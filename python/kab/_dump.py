@@ -17,7 +17,7 @@ from ._native import DumpCtx, ExtractWrite, KabError, Status
 MAGIC = 0xCC0000CC
 VERSION = 1
 _PIECE = 1 << 30
-_NO_WRITE = ctypes.cast(None, ExtractWrite)
+_NO_WRITE = ctypes.cast(ctypes.c_void_p(), ExtractWrite)
 
 
 @dataclass(frozen=True)
