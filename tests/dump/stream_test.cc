@@ -50,8 +50,8 @@ class StreamTest : public testing::Test {
   Blob Written() { return kab_test::ReadFile(dir_.File("stream")); }
   /// A file with a stream at kStart.
   std::string Put(const Blob& stream) {
-    Blob file(kStart);
-    file.insert(file.end(), stream.begin(), stream.end());
+    Blob file(kStart + stream.size());
+    std::copy(stream.begin(), stream.end(), file.begin() + kStart);
     kab_test::WriteFile(dir_.File("stream"), file);
     return dir_.File("stream");
   }
