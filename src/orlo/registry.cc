@@ -70,6 +70,7 @@ class RegistrySearch {
         if (st != KAB_OK) return st;
       }
       const Entry* entry = At<Entry>({window_.get(), filled_}, at - start_);
+      if (entry == nullptr) break;
       if (std::memcmp(entry->uuid, uuid_, sizeof uuid_) == 0) {
         std::memcpy(out, entry, sizeof(Entry));
         return KAB_OK;

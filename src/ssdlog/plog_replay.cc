@@ -220,9 +220,11 @@ uint32_t ReplayRelease(Replay* replay, KABPlogState* state, Bytes entry) {
 
 uint32_t ReplayEntry(Replay* replay, Bytes entry) {
   KABPlogState* state = nullptr;
-  const uint32_t st = FindState(replay->ctx, At<EntryPrefix>(entry, 0)->uuid, &state);
-  if (st != KAB_OK) return st;
+  const auto* prefix = At<EntryPrefix>(entry, 0);
   const auto* header = At<PlogHeader>(entry, kPrefixLength1);
+  if (prefix == nullptr || header == nullptr) return BrokenEntry(replay->ctx, "has an impossible length", entry.size());
+  const uint32_t st = FindState(replay->ctx, prefix->uuid, &state);
+  if (st != KAB_OK) return st;
   switch (header->type) {
     case kPlogWrite:
     case kPlogWriteToo:

@@ -71,6 +71,7 @@ Range RangeArgument(const std::string& text, uint64_t limit) {
 
 std::vector<Range> RangeArguments(const std::vector<std::string>& texts, uint64_t limit) {
   std::vector<Range> ranges;
+  ranges.reserve(texts.size());
   for (const std::string& text : texts) ranges.push_back(RangeArgument(text, limit));
   return ranges;
 }

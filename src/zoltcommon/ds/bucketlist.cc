@@ -112,11 +112,12 @@ void LinkNode(Bucketlist* list, BucketlistNode* node) {
 // Takes a referenced node out of the list; it is freed with its last reference.
 void UnlinkNode(Bucketlist* list, BucketlistNode* node) {
   DirectoryRemove(list, node);
-  BucketlistNode** links[kLevels];
+  BucketlistNode** links[kLevels] = {};
   BucketlistNode* back = nullptr;
   Predecessors(list, node->minKey, links, &back);
   for (uint32_t level = 0; level < node->level; ++level) {
     BucketlistNode** at = links[level];
+    if (at == nullptr) break;  // only a node above the list's height, which none is
     while (at[level] != nullptr && at[level] != node) at = at[level]->forward;  // past twins with the same min key
     if (at[level] == node) at[level] = node->forward[level];
   }
