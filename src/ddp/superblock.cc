@@ -178,6 +178,11 @@ class Validation {
 
 bool IsGroupDedup(const KABDiskCtx& ctx) { return DedupMode(ctx.meta) == 2; }
 
+bool IsListedMember(const KABDiskCtx& group, uint32_t slot) {
+  const uint8_t* uuid = group.meta + meta::kGroupUuids + slot * meta::kUuidSize;
+  return Load<uint64_t>(uuid) != 0 || Load<uint64_t>(uuid + 8) != 0;
+}
+
 KABDiskCtx* FindMember(KABDiskCtx* group, uint64_t devIdx) {
   KABDiskCtx* member = group != nullptr && devIdx < KAB_DISKS_PER_GROUP ? group->disks[devIdx] : nullptr;
   if (SuperBlkOf(member) != nullptr) return member;

@@ -20,6 +20,9 @@ bool IsGroupDedup(const KABDiskCtx& ctx);
 /// Whether the flags ask for redundant metadata.
 inline bool HasMdr(const SuperBlk& sb) { return (sb.flags & kMdr) != 0; }
 
+/// Whether the group's table names a capacity disk for a slot, 0 to 6.
+bool IsListedMember(const KABDiskCtx& group, uint32_t slot);
+
 /// The member of a group at a device index, when it is open and has a dedup layer; else null, with a line.
 KABDiskCtx* FindMember(KABDiskCtx* group, uint64_t devIdx);
 
