@@ -17,6 +17,8 @@ class Translation {
 
   /// Its magic and owner were right. The checksum is not looked at here.
   bool Trusted() const { return trusted_; }
+  /// The caller made a block of its own.
+  void SetTrusted() { trusted_ = true; }
   /// The number of the block that was loaded, as the map counts them.
   uint64_t Index() const { return index_; }
   XmapBlk& Blk() { return blk_; }
