@@ -227,6 +227,26 @@ class Cli(unittest.TestCase):
         self.assertEqual((header["schema"], header["version"]), ("kab.read", 1))
         self.assertEqual(b"".join(bytes.fromhex(piece["data"]) for piece in pieces), clear[DATA:DATA + 10000])
 
+    def test_dedup_layouts(self):
+        # Both layers hold the same logical bytes for a seed, by quite different means.
+        wanted = {}
+        for layout in ("dedup", "compress"):
+            self.kab("sample", "--layout", layout, "--disks", "2", layout)
+            disks = [f"{layout}/ssd.img", f"{layout}/disk0.img", f"{layout}/disk1.img"]
+            info = self.json("info", *disks)[0]
+            self.assertEqual([disk["dedupMode"] for disk in info["disks"]], [2 if layout == "dedup" else 1] * 2)
+            for disk in "01":
+                out = f"{layout}{disk}.bin"
+                self.kab("read", "--logical", "--disk", disk, "--range", "100:1M", "-o", out, *disks)
+                logical = read_file(self.path(out))
+                self.assertEqual(len(logical), MIB)
+                self.assertGreater(MIB - logical.count(0), MIB // 3)
+                self.assertEqual(wanted.setdefault(disk, logical), logical)
+            self.kab("dump", "--disk", "1", "-o", f"{layout}.kabdump", *disks)
+            self.kab("verify", f"{layout}.kabdump")
+        self.assertNotEqual(wanted["0"], wanted["1"])
+        self.kab("read", "--logical", "--disk", "ssd", "--range", "0:1", *disks, code=2)
+
     def test_disk_choice(self):
         uuid = read_file(self.path("group/disk2.uuid")).decode().strip()
         picture = {name: read_file(self.path(f"group/{name}.img"), DATA, 64) for name in ("ssd", "disk0", "disk2")}

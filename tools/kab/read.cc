@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "dump_file.h"
 #include "group.h"
+#include "kab/ddp.h"
 #include "out_file.h"
 #include "ranges.h"
 
@@ -18,7 +19,8 @@ namespace {
 constexpr const char* kDetails =
     "OFF and LEN are bytes, 0x... or with K, M, G, T (powers of 1024) or s (sectors of 512); an empty LEN goes to the\n"
     "disk's end. The bytes go to stdout (also -o -) or to a file; on a terminal, or with --hex, as a listing. With\n"
-    "--json each line is an object with up to 4096 bytes as hexadecimal digits.\n\n"
+    "--json each line is an object with up to 4096 bytes as hexadecimal digits.\n"
+    "--logical reads what a disk's dedup layer holds: OFF counts logical bytes, and what is not mapped is zero.\n\n"
     "Examples:\n"
     "  kab read --range 1M:4K --hex ssd.img\n"
     "  kab read --disk 1 --range 3M:1M -o data.bin --key-file UUID=disk1.key ssd.img disk0.img disk1.img\n";
@@ -31,8 +33,26 @@ struct Options {
   std::vector<std::string> ranges;
   std::string out = "-";
   bool hex = false;
+  bool logical = false;
   bool force = false;
 };
+
+// The bytes that a disk's translation map can map, by its superblock: 225 blocks of 4096 bytes for each of its own.
+uint64_t LogicalSize(const KABDiskCtx& ctx) {
+  const uint8_t* superBlk = ctx.dedupCtx.superBlk;
+  if (superBlk == nullptr || ctx.group == nullptr) {
+    throw Failure(Exit::kUsage, "--logical: the disk has no dedup layer, or is not attached to its group");
+  }
+  const auto field = [superBlk](size_t at) {
+    uint64_t value = 0;
+    for (size_t i = 8; i-- > 0;) value = value << 8 | superBlk[at + i];
+    return value;
+  };
+  constexpr size_t kXmapSizeAt = 156;
+  constexpr size_t kExpansionAt = 261;
+  constexpr uint64_t kMostBlks = INT64_MAX / (225 * 4096) / 2;
+  return (std::min(field(kXmapSizeAt), kMostBlks) + std::min(field(kExpansionAt) / 2, kMostBlks)) * 225 * 4096;
+}
 
 /// Reads a piece into a buffer; a library status.
 using Reader = std::function<uint32_t(void* buffer, uint32_t length, uint64_t offset)>;
@@ -48,7 +68,8 @@ void ForEachPiece(const Range& range, uint64_t pieceSize, const Reader& reader, 
     const uint32_t status = reader(buffer.data(), static_cast<uint32_t>(buffer.size()), offset);
     if (status != KAB_OK) {
       throw Failure(ExitOfStatus(status),
-                    fmt::format("reading {} bytes at {}: {}", buffer.size(), offset, KABErrorStr(status)));
+                    fmt::format("reading {} bytes at {}: {}", buffer.size(), offset,
+                                status < KAB_STATUS_COUNT ? KABErrorStr(status) : "Invalid device index"));
     }
     writer(buffer, offset);
     progress.Add(buffer.size());
@@ -83,8 +104,9 @@ Exit Run(Tool& tool, const Options& options) {
   }
   Group group(tool, options.group);
   KABDiskCtx* ctx = group.Chosen();
-  const std::vector<Range> ranges = RangeArguments(options.ranges, ctx->diskSize);
-  const Reader reader = [ctx](void* buffer, uint32_t length, uint64_t offset) {
+  const std::vector<Range> ranges = RangeArguments(options.ranges, options.logical ? LogicalSize(*ctx) : ctx->diskSize);
+  const Reader reader = [ctx, logical = options.logical](void* buffer, uint32_t length, uint64_t offset) {
+    if (logical) return DDPRead(ctx, buffer, length, offset);
     return KABRead(ctx, buffer, length, static_cast<int64_t>(offset));
   };
   Progress progress(tool, "read", TotalLength(ranges));
@@ -132,6 +154,7 @@ void AddRead(CLI::App& app, Tool& tool) {
       ->allow_extra_args(false);
   command->add_option("-o,--output", options->out, "where to write, - for stdout");
   command->add_flag("--hex", options->hex, "a listing for people instead of the bytes");
+  command->add_flag("--logical", options->logical, "read through the disk's dedup layer");
   command->add_flag("-f,--force", options->force, "replace an existing output file");
   AddDiskChoice(command, options->group);
   AddGroupOptions(command, options->group);

@@ -8,10 +8,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <stdexcept>
 
 #include "commands.h"
 #include "out_file.h"
 #include "ranges.h"
+#include "sample/dedup_image.h"
 #include "sample/group_image.h"
 
 namespace tool {
@@ -61,8 +63,26 @@ void FillPlain(sample::GroupImage& group, uint64_t seed) {
   }
 }
 
+// Holes, zero blocks, duplicates, text and noise behind a translation map, as much as surely fits.
+void FillDedup(sample::GroupImage& group, uint64_t seed, uint32_t mode) {
+  if (group.DiskCount() == 0) return;
+  try {
+    sample::DedupImage image(
+        {.mode = mode, .disks = group.DiskCount(), .diskSize = group.Disk(0).size(), .ssdSize = group.Ssd().size()});
+    image.StoreMixture(std::min<uint64_t>(image.Place().dataSize / 4, 2000), seed);
+    image.Seal();
+    group = image.Group();
+  } catch (const std::invalid_argument& reason) {
+    throw Failure(Exit::kUsage, fmt::format("--disk-size: {}", reason.what()));
+  }
+}
+
 constexpr Layout kLayouts[] = {
     {"plain", "noise, text and zeros in the data area, no log, no dedup layer", FillPlain},
+    {"dedup", "a dedup layer over all disks: shared, compressed, plain and zero blocks, and holes",
+     [](sample::GroupImage& group, uint64_t seed) { FillDedup(group, seed, 2); }},
+    {"compress", "the same, but each disk compressed for itself",
+     [](sample::GroupImage& group, uint64_t seed) { FillDedup(group, seed, 1); }},
 };
 
 const Layout& FindLayout(const std::string& name) {
