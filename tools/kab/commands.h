@@ -11,7 +11,10 @@
   X(Read)               \
   X(Dump)               \
   X(Verify)             \
-  X(Extract)
+  X(Extract)            \
+  X(Check)              \
+  X(Log)                \
+  X(Component)
 
 namespace tool {
 

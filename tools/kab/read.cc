@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <memory>
 
+#include "as_group.h"
 #include "commands.h"
 #include "dump_file.h"
 #include "group.h"
 #include "kab/ddp.h"
+#include "kab/ssdlog.h"
 #include "out_file.h"
 #include "ranges.h"
 
@@ -19,10 +21,13 @@ namespace {
 constexpr const char* kDetails =
     "OFF and LEN are bytes, 0x... or with K, M, G, T (powers of 1024) or s (sectors of 512); an empty LEN goes to the\n"
     "disk's end. The bytes go to stdout (also -o -) or to a file; on a terminal, or with --hex, as a listing. With\n"
-    "--json each line is an object with up to 4096 bytes as hexadecimal digits.\n"
-    "--logical reads what a disk's dedup layer holds: OFF counts logical bytes, and what is not mapped is zero.\n\n"
+    "--json each line is an object with up to 4096 bytes as hexadecimal digits.\n\n"
+    "--logical reads what a disk's dedup layer holds: OFF counts logical bytes, and what is not mapped is zero.\n"
+    "With --as-group the log is replayed first, OFF counts from the start of the data area (on a dedup disk: of the\n"
+    "logical bytes), and the newest copy of every byte is read; --explain tells for every piece where that copy is.\n\n"
     "Examples:\n"
     "  kab read --range 1M:4K --hex ssd.img\n"
+    "  kab read --as-group --explain --disk 1 --range 0: ssd.img disk0.img disk1.img\n"
     "  kab read --disk 1 --range 3M:1M -o data.bin --key-file UUID=disk1.key ssd.img disk0.img disk1.img\n";
 
 constexpr uint64_t kPiece = 1 << 20;
@@ -35,6 +40,8 @@ struct Options {
   bool hex = false;
   bool logical = false;
   bool force = false;
+  bool asGroup = false;
+  bool explain = false;
 };
 
 // The bytes that a disk's translation map can map, by its superblock: 225 blocks of 4096 bytes for each of its own.
@@ -96,7 +103,33 @@ std::string HexListing(const std::vector<uint8_t>& bytes, uint64_t offset) {
   return text;
 }
 
+// Where every piece of the ranges lives, in place of its bytes.
+Exit Explain(Tool& tool, const KABDiskCtx& disk, const std::vector<Range>& ranges) {
+  if (tool.json) {
+    Json header = Tool::Header("explain");
+    header["disk"] = disk.uuidText;
+    Tool::PrintJson(header);
+  }
+  for (const Range& range : ranges) {
+    ForEachSource(disk, range, [&](const Piece& piece) {
+      StopIfInterrupted();
+      if (tool.json) {
+        Tool::PrintJson({{"offset", piece.offset},
+                         {"length", piece.length},
+                         {"source", piece.source},
+                         {"place", piece.placed ? Json(piece.place) : Json(nullptr)}});
+      } else {
+        Tool::Print(fmt::format("{:>14} {:>10}  {}{}\n", piece.offset, piece.length, piece.source,
+                                piece.placed ? fmt::format(" at {}", piece.place) : ""));
+      }
+    });
+  }
+  return Exit::kClean;
+}
+
 Exit Run(Tool& tool, const Options& options) {
+  if (options.logical && options.asGroup) throw Failure(Exit::kUsage, "--logical and --as-group exclude each other");
+  if (options.explain && !options.asGroup) throw Failure(Exit::kUsage, "--explain needs --as-group");
   if (tool.json && options.out != "-") throw Failure(Exit::kUsage, "--json and -o exclude each other");
   if (options.out != "-") {
     RefuseInput(options.out, options.group.Paths());
@@ -104,9 +137,17 @@ Exit Run(Tool& tool, const Options& options) {
   }
   Group group(tool, options.group);
   KABDiskCtx* ctx = group.Chosen();
-  const std::vector<Range> ranges = RangeArguments(options.ranges, options.logical ? LogicalSize(*ctx) : ctx->diskSize);
-  const Reader reader = [ctx, logical = options.logical](void* buffer, uint32_t length, uint64_t offset) {
-    if (logical) return DDPRead(ctx, buffer, length, offset);
+  if (options.asGroup) {
+    if (ctx->group == nullptr) throw Failure(Exit::kUsage, "--as-group: choose a capacity disk of the group");
+    ReplayLog(group);
+  }
+  const bool mapped = options.logical || (options.asGroup && ctx->dedupCtx.superBlk != nullptr);
+  const uint64_t limit = mapped ? LogicalSize(*ctx) : options.asGroup ? ctx->usableSize : ctx->diskSize;
+  const std::vector<Range> ranges = RangeArguments(options.ranges, limit);
+  if (options.explain) return Explain(tool, *ctx, ranges);
+  const Reader reader = [ctx, &options](void* buffer, uint32_t length, uint64_t offset) {
+    if (options.asGroup) return KABPlogRead(ctx, buffer, length, offset);
+    if (options.logical) return DDPRead(ctx, buffer, length, offset);
     return KABRead(ctx, buffer, length, static_cast<int64_t>(offset));
   };
   Progress progress(tool, "read", TotalLength(ranges));
@@ -156,6 +197,8 @@ void AddRead(CLI::App& app, Tool& tool) {
   command->add_flag("--hex", options->hex, "a listing for people instead of the bytes");
   command->add_flag("--logical", options->logical, "read through the disk's dedup layer");
   command->add_flag("-f,--force", options->force, "replace an existing output file");
+  command->add_flag("--as-group", options->asGroup, "read a capacity disk as its group sees it");
+  command->add_flag("--explain", options->explain, "with --as-group: tell where each piece comes from instead");
   AddDiskChoice(command, options->group);
   AddGroupOptions(command, options->group);
 }

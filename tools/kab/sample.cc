@@ -15,6 +15,8 @@
 #include "ranges.h"
 #include "sample/dedup_image.h"
 #include "sample/group_image.h"
+#include "sample/log_image.h"
+#include "sample/orlo_image.h"
 
 namespace tool {
 namespace {
@@ -35,18 +37,42 @@ struct Options {
   std::vector<uint32_t> encrypt;
   uint64_t seed = 1;
   bool withClear = false;
+  bool withPicture = false;
   bool force = false;
 };
 
-// What lies on a group's disks. A layout fills an image of the right size and UUIDs.
+uint64_t DiskSize(const std::string& option, const std::string& text) {
+  const uint64_t size = SizeArgument(option, text);
+  if (size <= sample::kDataOffset + sample::kGptSize || size > INT64_MAX) {
+    throw Failure(Exit::kUsage, fmt::format("{} {}: a disk has more than {} bytes", option, text,
+                                            sample::kDataOffset + sample::kGptSize));
+  }
+  return size;
+}
+
+sample::GroupImage EmptyGroup(const Options& options) {
+  return sample::GroupImage(options.disks, DiskSize("--ssd-size", options.ssdSize),
+                            DiskSize("--disk-size", options.diskSize));
+}
+
+// A group and what a reader should get from it: files that are written beside the images with --with-picture.
+struct Made {
+  sample::GroupImage group;
+  std::vector<std::pair<std::string, std::vector<uint8_t>>> pictures;
+};
+
+// What lies on a group's disks.
 struct Layout {
   const char* name;
   const char* summary;
-  void (*fill)(sample::GroupImage& group, uint64_t seed);
+  Made (*make)(const Options& options);
 };
 
 // Some of everything: noise, text that compresses well, and zeros.
-void FillPlain(sample::GroupImage& group, uint64_t seed) {
+Made MakePlain(const Options& options) {
+  Made made{EmptyGroup(options), {}};
+  sample::GroupImage& group = made.group;
+  const uint64_t seed = options.seed;
   const auto fill = [seed](sample::DiskImage& disk, uint64_t number, const std::string& name) {
     const uint64_t end = disk.size() - sample::kGptSize;
     const uint64_t part = std::min<uint64_t>((end - sample::kDataOffset) / 4, 1 << 20);
@@ -61,28 +87,92 @@ void FillPlain(sample::GroupImage& group, uint64_t seed) {
   for (uint32_t i = 0; i < group.DiskCount(); i++) {
     fill(group.Disk(i), i + 1, fmt::format("disk {}", i));
   }
+  return made;
 }
 
-// Holes, zero blocks, duplicates, text and noise behind a translation map, as much as surely fits.
-void FillDedup(sample::GroupImage& group, uint64_t seed, uint32_t mode) {
-  if (group.DiskCount() == 0) return;
+constexpr uint64_t kLogStart = 16;  // first block of the write buffer
+
+// A log that fills its SSD; a picture is a disk's data area as the group sees it.
+Made MakeLog(const Options& options) {
+  const uint64_t room = DiskSize("--ssd-size", options.ssdSize) - sample::kDataOffset - sample::kGptSize;
+  if (options.disks == 0) throw Failure(Exit::kUsage, "--layout log: needs a capacity disk");
+  if (room < 4 << 20) throw Failure(Exit::kUsage, "--layout log: the SSD is too small for a log");
+  sample::LoggedGroupOptions logged;
+  logged.seed = options.seed;
+  logged.disks = options.disks;
+  logged.oddEntries = false;
+  logged.writeBufferBlks = room / sample::kLogBlock - 2 * kLogStart;
+  // As many as fill the data half of the write buffer, at some 32 KiB each.
+  logged.entries = static_cast<uint32_t>(std::min<uint64_t>(100000, logged.writeBufferBlks / 16));
+  logged.diskBytes = (DiskSize("--disk-size", options.diskSize) - sample::kDataOffset - sample::kGptSize) / 4096 * 4096;
+  if (logged.diskBytes < 1 << 20) throw Failure(Exit::kUsage, "--layout log: the disks are too small");
+  sample::LoggedGroup group(logged);
+  Made made{group.Group(), {}};
+  for (uint32_t i = 0; i < options.disks; i++) {
+    made.pictures.emplace_back(fmt::format("disk{}.picture", i), group.Picture(i));
+  }
+  return made;
+}
+
+void PutEmptyLog(sample::DiskImage& ssd) {
+  const uint64_t blocks = (ssd.size() - sample::kDataOffset - sample::kGptSize) / sample::kLogBlock;
+  if (blocks < 64) throw Failure(Exit::kUsage, "--ssd-size: too small for a log");
+  sample::LogImage(ssd, kLogStart, blocks - 2 * kLogStart).Write(sample::LogChain(1));
+}
+
+// Two components a disk, on disks of both versions, under maps of one to three levels and an empty log. A picture is
+// a component's address space from its superblock on.
+Made MakeOrlo(const Options& options) {
+  Made made{EmptyGroup(options), {}};
+  for (uint32_t i = 0; i < options.disks; i++) {
+    sample::DiskImage& disk = made.group.Disk(i);
+    if (disk.size() < 64 << 20) throw Failure(Exit::kUsage, "--layout orlo: needs --disk-size 64M or more");
+    sample::OrloImage orlo(disk, i % 2 == 0 ? 7 : 6);
+    for (uint32_t j = 0; j < 2; j++) {
+      const sample::Uuid uuid = sample::MakeUuid(5000 + 10 * i + j);
+      const sample::OrloTreeShape shape = j == 0 ? sample::OrloTreeShape{} : sample::OrloTreeShape{8, 4};
+      std::vector<sample::OrloRun> runs = sample::OrloImage::MakeRuns(60, 16, options.seed * 100 + 10 * i + j);
+      // A superblock has no holes: reading one there fails.
+      std::erase_if(runs, [](const sample::OrloRun& run) { return run.hole && run.logical < 1024; });
+      const uint64_t length = (uint64_t{runs.back().logical} + runs.back().count) * sample::kMapBlock;
+      orlo.AddVdisk(uuid, std::move(runs), shape);
+      made.pictures.emplace_back(sample::UuidText(uuid) + ".picture", orlo.Picture(j, 0, length));
+    }
+  }
+  PutEmptyLog(made.group.Ssd());
+  return made;
+}
+
+// Holes, zero blocks, duplicates, text and noise behind a translation map, as much as surely fits, under an empty log.
+// A picture is a disk's logical bytes.
+template <uint32_t kMode>
+Made MakeDedup(const Options& options) {
+  Made made{EmptyGroup(options), {}};
+  if (options.disks == 0) return made;
   try {
-    sample::DedupImage image(
-        {.mode = mode, .disks = group.DiskCount(), .diskSize = group.Disk(0).size(), .ssdSize = group.Ssd().size()});
-    image.StoreMixture(std::min<uint64_t>(image.Place().dataSize / 4, 2000), seed);
+    sample::DedupImage image({.mode = kMode,
+                              .disks = options.disks,
+                              .diskSize = made.group.Disk(0).size(),
+                              .ssdSize = made.group.Ssd().size()});
+    image.StoreMixture(std::min<uint64_t>(image.Place().dataSize / 4, 2000), options.seed);
     image.Seal();
-    group = image.Group();
+    made.group = image.Group();
+    for (uint32_t i = 0; i < options.disks; i++) {
+      made.pictures.emplace_back(fmt::format("disk{}.picture", i), image.Plain(i));
+    }
   } catch (const std::invalid_argument& reason) {
     throw Failure(Exit::kUsage, fmt::format("--disk-size: {}", reason.what()));
   }
+  PutEmptyLog(made.group.Ssd());
+  return made;
 }
 
 constexpr Layout kLayouts[] = {
-    {"plain", "noise, text and zeros in the data area, no log, no dedup layer", FillPlain},
-    {"dedup", "a dedup layer over all disks: shared, compressed, plain and zero blocks, and holes",
-     [](sample::GroupImage& group, uint64_t seed) { FillDedup(group, seed, 2); }},
-    {"compress", "the same, but each disk compressed for itself",
-     [](sample::GroupImage& group, uint64_t seed) { FillDedup(group, seed, 1); }},
+    {"plain", "noise, text and zeros in the data area, no log, no dedup layer", MakePlain},
+    {"dedup", "a dedup layer over all disks: shared, compressed, plain and zero blocks, and holes", MakeDedup<2>},
+    {"compress", "the same, but each disk compressed for itself", MakeDedup<1>},
+    {"log", "a PLOG that fills the SSD: writes, zero writes and releases over all disks, with a torn end", MakeLog},
+    {"orlo", "components on Orlo disks of versions 7 and 6, under maps of one to three levels", MakeOrlo},
 };
 
 const Layout& FindLayout(const std::string& name) {
@@ -90,15 +180,6 @@ const Layout& FindLayout(const std::string& name) {
     if (name == layout.name) return layout;
   }
   throw Failure(Exit::kUsage, fmt::format("--layout {}: no such layout", name));
-}
-
-uint64_t DiskSize(const std::string& option, const std::string& text) {
-  const uint64_t size = SizeArgument(option, text);
-  if (size <= sample::kDataOffset + sample::kGptSize || size > INT64_MAX) {
-    throw Failure(Exit::kUsage, fmt::format("{} {}: a disk has more than {} bytes", option, text,
-                                            sample::kDataOffset + sample::kGptSize));
-  }
-  return size;
 }
 
 // Writes key files and the other small companions.
@@ -114,8 +195,9 @@ class SampleWriter {
  public:
   SampleWriter(const Options& options) : options_(options) {}
 
-  Json Write(sample::GroupImage& group) {
-    RefuseLeftovers(group);
+  Json Write(Made& made) {
+    sample::GroupImage& group = made.group;
+    RefuseLeftovers(made);
     if (mkdir(options_.folder.c_str(), 0777) != 0 && errno != EEXIST) throw SystemFailure(options_.folder, errno);
     for (const uint32_t slot : options_.encrypt) Encipher(group.Disk(slot), slot);
     const sample::GroupPaths paths = group.Write(options_.folder);
@@ -131,6 +213,11 @@ class SampleWriter {
       const std::string uuid = sample::UuidText(group.Disk(i).uuid()) + "\n";
       WriteSmall(Path(i, ".uuid"), uuid.data(), uuid.size(), 0666, options_.force);
     }
+    for (const auto& [name, bytes] : made.pictures) {
+      if (options_.withPicture) {
+        WriteSmall(options_.folder + "/" + name, bytes.data(), bytes.size(), 0666, options_.force);
+      }
+    }
     return object;
   }
 
@@ -139,7 +226,9 @@ class SampleWriter {
     return fmt::format("{}/disk{}{}", options_.folder, slot, ending);
   }
 
-  void RefuseLeftovers(const sample::GroupImage& group) const {
+  void RefuseLeftovers(const Made& made) const {
+    const sample::GroupImage& group = made.group;
+    for (const auto& picture : made.pictures) RefuseExisting(options_.folder + "/" + picture.first, options_.force);
     RefuseExisting(options_.folder + "/ssd.img", options_.force);
     for (uint32_t i = 0; i < group.DiskCount(); i++) {
       for (const char* ending : {".img", ".uuid", ".key", ".clear.img"}) {
@@ -175,10 +264,8 @@ Exit Run(Tool& tool, const Options& options) {
   for (const uint32_t slot : options.encrypt) {
     if (slot >= options.disks) throw Failure(Exit::kUsage, fmt::format("--encrypt {}: no such disk", slot));
   }
-  sample::GroupImage group(options.disks, DiskSize("--ssd-size", options.ssdSize),
-                           DiskSize("--disk-size", options.diskSize));
-  layout.fill(group, options.seed);
-  const Json object = SampleWriter(options).Write(group);
+  Made made = layout.make(options);
+  const Json object = SampleWriter(options).Write(made);
 
   if (tool.json) {
     Tool::PrintJson(object);
@@ -211,6 +298,8 @@ void AddSample(CLI::App& app, Tool& tool) {
   command->add_option("--encrypt", options->encrypt, "slot of a disk to encipher; repeatable")->allow_extra_args(false);
   command->add_option("--seed", options->seed, "what the contents are drawn from")->capture_default_str();
   command->add_flag("--with-clear", options->withClear, "also write diskN.clear.img, an enciphered disk in clear");
+  command->add_flag("--with-picture", options->withPicture,
+                    "also write what a reader should get: a disk as its group sees it, a component's bytes");
   command->add_flag("-f,--force", options->force, "replace existing files");
 }
 

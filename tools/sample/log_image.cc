@@ -284,7 +284,7 @@ LoggedGroup::LoggedGroup(const LoggedGroupOptions& options)
     } else if (kind < 97) {
       AddRelease(disk);
     } else if (kind < 98) {
-      plog_.Add(BareEntry(group_.Disk(disk).uuid(), 9));  // of a type nobody knows
+      if (options.oddEntries) plog_.Add(BareEntry(group_.Disk(disk).uuid(), 9));  // of a type nobody knows
     } else {
       plog_.EndBlock();
     }

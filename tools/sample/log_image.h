@@ -102,6 +102,7 @@ struct LoggedGroupOptions {
   uint64_t diskBytes = 2ULL << 20;   // of a capacity disk's data area
   uint64_t writeBufferBlks = 16384;  // 64 MiB
   uint64_t stride = 1;
+  bool oddEntries = true;  // now and then one of a type that nobody knows
 };
 
 /// A group with a random PLOG: overlapping rewrites, releases, zero writes, several disks, a torn tail. What each disk

@@ -1,0 +1,66 @@
+// The Arvo metadata of the disks of a group against each other.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+
+#include "check.h"
+
+namespace tool {
+namespace {
+
+constexpr uint64_t kMetaOffset = 1048576;
+constexpr size_t kTypeAt = 8;
+constexpr size_t kModesAt = 11;
+constexpr size_t kTableAt = 60;
+constexpr size_t kVersionAt = 468;
+constexpr uint8_t kType11 = 11;
+
+bool IsZero(const uint8_t* uuid) {
+  return std::all_of(uuid, uuid + 16, [](uint8_t byte) { return byte == 0; });
+}
+
+uint32_t MountState(const KABDiskCtx& ctx) {
+  return ctx.meta[kTypeAt] == kType11 ? ctx.meta[9] & 7U : ctx.meta[kModesAt] >> 5U;
+}
+
+void CheckTable(Check& check) {
+  const KABDiskCtx& ssd = *check.group.ssd();
+  if (ssd.meta[kTypeAt] == kType11) return;
+  for (size_t slot = 0; slot < KAB_DISKS_PER_GROUP; ++slot) {
+    const uint8_t* uuid = ssd.meta + kTableAt + 16 * slot;
+    if (IsZero(uuid)) continue;
+    for (size_t other = 0; other < slot; ++other) {
+      if (std::memcmp(uuid, ssd.meta + kTableAt + 16 * other, 16) == 0) {
+        check.Damage("META-SLOT-TWICE", ssd, kMetaOffset + kTableAt + 16 * slot,
+                     fmt::format("slots {} and {} name the same disk", other, slot));
+      }
+    }
+    if (ssd.disks[slot] == nullptr) {
+      check.Warn("META-DISK-MISSING", ssd, fmt::format("the disk of slot {} was not given", slot));
+      check.complete = false;
+    }
+  }
+}
+
+}  // namespace
+
+void CheckMeta(Check& check) {
+  CheckTable(check);
+  std::set<uint32_t> modes;
+  for (const KABDiskCtx* ctx : check.group.All()) {
+    if (MountState(*ctx) == 0) check.Warn("META-MOUNTED", *ctx, "the disk was not cleanly unmounted");
+    if (ctx->group == nullptr) continue;
+    const uint8_t expected = ctx->group->meta[kVersionAt];
+    if (ctx->meta[kVersionAt] != expected) {
+      check.Inform("META-VERSION-DIFFERS", *ctx, kMetaOffset + kVersionAt,
+                   fmt::format("format version {}, the SSD has {}", ctx->meta[kVersionAt], expected));
+    }
+    modes.insert(ctx->meta[kModesAt] >> 2U & 3U);
+  }
+  if (modes.size() > 1) check.Warn("META-MODES-DIFFER", *check.group.ssd(), "the disks' dedup modes differ");
+}
+
+}  // namespace tool

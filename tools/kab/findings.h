@@ -1,0 +1,61 @@
+#pragma once
+// What kab check found: data first, text for people made of it. docs/findings.md lists the codes.
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tool.h"
+
+namespace tool {
+
+enum class Severity { kInfo, kWarning, kDamage };
+
+struct Finding {
+  const char* code;  // stable, for programs: docs/findings.md
+  Severity severity;
+  std::string disk;                // UUID text
+  std::optional<uint64_t> offset;  // bytes from the start of the device
+  std::string expected;
+  std::string found;
+  std::string text;
+};
+
+/// Takes findings as they come, prints each at once and keeps only counts.
+class Findings {
+ public:
+  explicit Findings(Tool& tool) : tool_(tool) {}
+
+  void Add(const Finding& finding);
+  uint64_t Count(Severity severity) const;
+  /// The last object or line: counts by severity and by code, and the verdict.
+  void PrintSummary(bool complete) const;
+
+ private:
+  Tool& tool_;
+  std::map<std::string, uint64_t> byCode_;
+  uint64_t bySeverity_[3] = {};
+};
+
+/// Takes the library's lines for the length of a scope in place of the log stream.
+class LineTrap {
+ public:
+  LineTrap();
+  ~LineTrap();
+  LineTrap(const LineTrap&) = delete;
+  LineTrap& operator=(const LineTrap&) = delete;
+
+  /// The lines so far, without their line ends and the disk's name in front; they are forgotten then.
+  std::vector<std::string> Take(const std::string& disk);
+
+ private:
+  FILE* former_;
+  FILE* stream_;
+  char* buffer_ = nullptr;
+  size_t size_ = 0;
+};
+
+}  // namespace tool
