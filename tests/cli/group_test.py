@@ -188,6 +188,32 @@ class Log(GroupCase):
         self.assert_same(read_file(f"{folder}/ssd.img"), before)  # nothing is ever written
 
 
+class Dedup(GroupCase):
+    sample = ["--layout", "dedup", "--disks", "3", "--seed", "4"]
+
+    def test_logical_bytes_read_with_and_without_the_log(self):
+        for disk in range(3):
+            picture = read_file(f"{self.folder}/disk{disk}.picture")
+            for how in "--logical", "--as-group":
+                self.assert_same(self.kab("read", how, "-d", str(disk), "-r", f"0:{len(picture)}", *self.paths()), picture)
+        piece = self.json("read", "--as-group", "--explain", "-d", "1", "-r", "0:64K", *self.paths())[1]
+        self.assertEqual((piece["source"], piece["place"]), ("dedup layer", None))
+
+    def test_check_is_clean_and_tells_of_what_is_not(self):
+        self.assertEqual(self.findings(self.folder, 0)[1]["verdict"], "clean")
+        for offset, code, exit_code in ((DATA + 56, "DDP-SUPERBLOCK", 3), (DATA + 84, "DDP-SUPERBLOCK", 3),
+                                        (DATA, "DDP-SUPERBLOCK", 4)):
+            folder = self.copy()
+            flip(f"{folder}/disk1.img", offset)
+            self.assert_found(folder, code, exit_code)
+        superblock = read_file(f"{self.folder}/disk2.img", DATA, 4096)
+        for start_at in 84, 132, 116, 148:  # a block of each metadata region
+            folder = self.copy()
+            flip(f"{folder}/disk2.img", DATA + struct.unpack_from("<Q", superblock, start_at)[0] * 4096 + 200)
+            self.assert_found(folder, "DDP-BLOCK-HEADER", 3)
+        self.kab("check", "--quick", *self.paths(folder))
+
+
 class Orlo(GroupCase):
     sample = ["--layout", "orlo", "--disks", "2", "--disk-size", "64M", "--seed", "3"]
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -37,6 +38,11 @@ uint64_t Word(const uint8_t* bytes) {
   return value;
 }
 
+// A block of the translation map comes into being with the first logical block that it maps.
+bool IsUnwritten(const uint8_t* block) {
+  return std::all_of(block, block + kBlock, [](uint8_t byte) { return byte == 0; });
+}
+
 void CheckRegion(Check& check, KABDiskCtx* disk, const Region& region, Progress& progress) {
   const uint64_t start = Word(disk->dedupCtx.superBlk + region.startAt);
   const uint64_t size = Word(disk->dedupCtx.superBlk + region.startAt + 8);
@@ -58,7 +64,9 @@ void CheckRegion(Check& check, KABDiskCtx* disk, const Region& region, Progress&
       check.complete = false;
     } else {
       for (uint32_t i = 0; i < count; ++i) {
-        if (DDPIsValidBlkHdr(disk, buffer.data() + i * kBlock, region.type, index + i) != 0) continue;
+        const uint8_t* block = buffer.data() + i * kBlock;
+        if (DDPIsValidBlkHdr(disk, block, region.type, index + i) != 0) continue;
+        if (region.type == DDP_BLK_XMAP && IsUnwritten(block)) continue;
         check.Damage("DDP-BLOCK-HEADER", *disk, offset + i * kBlock,
                      fmt::format("block {} of the {} has an invalid header or checksum", index + i, region.name));
       }
