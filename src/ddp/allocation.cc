@@ -180,9 +180,12 @@ bool IsKept(std::span<Replaced> sorted, uint64_t key) {
   return found != nullptr && found->kept != 0;
 }
 
-bool AllZero(const void* bytes, size_t size) {
-  const auto* at = static_cast<const uint8_t*>(bytes);
-  return size == 0 || (at[0] == 0 && std::memcmp(at, at + 1, size - 1) == 0);
+// Whether a block shows all references it was written with. One with a wrong checksum may have lost some to damage, and
+// be put right from its second copy later.
+bool IsWholeOrEmpty(KABDiskCtx* disk, const void* block, uint32_t type, uint64_t index) {
+  if (DDPIsValidBlkHdr(disk, block, type, index) != 0) return true;
+  const auto* at = static_cast<const uint8_t*>(block);
+  return at[0] == 0 && std::memcmp(at, at + 1, kBlockSize - 1) == 0;
 }
 
 // Keeps what the disk's translation map refers to. False when a block of it might hold references that do not show.
@@ -192,10 +195,7 @@ bool KeepMapped(KABDiskCtx* disk, bool group, std::span<Replaced> replaced) {
   const uint64_t size = sb.xmapSize + sb.expansion1Size / 2;
   for (uint64_t index = 0; index < size; ++index) {
     if (DDPReadXMapBlks(disk, index, 1, &blk, nullptr) != KAB_OK) return false;
-    if (blk.hdr.magic != kMagic || blk.hdr.owner != sb.id) {
-      if (!AllZero(&blk, sizeof blk)) return false;
-      continue;
-    }
+    if (!IsWholeOrEmpty(disk, &blk, DDP_BLK_XMAP, index)) return false;
     for (const XmapEntry& entry : blk.entries) {
       const Record record = Unpack(entry.record);
       const uint64_t devIdx = group ? record.devIdx : 0;
@@ -212,6 +212,7 @@ bool KeepHashed(KABDiskCtx* disk, bool group, std::span<Replaced> replaced) {
   HashMapBlk blk;
   for (uint64_t index = 0; index < sb.hmapSize; ++index) {
     if (DDPReadHashMapBlks(disk, index, 1, &blk, nullptr) != KAB_OK) return false;
+    if (!IsWholeOrEmpty(disk, &blk, DDP_BLK_HASH_MAP, index)) return false;
     for (const HashEntry& entry : blk.entries) {
       const uint64_t pbn = entry.pbn;
       Keep(replaced, Replaced::Key(group ? pbn >> kDevShift : 0, pbn & kNoUnit));

@@ -191,7 +191,6 @@ class Writer {
       uint32_t st = Commit();
       if (st == KAB_OK) st = Release();
       if (st != KAB_OK) return st;
-      allocator_.Restart();
     }
   }
 
@@ -236,7 +235,9 @@ class Writer {
   // Only after a commit: until then the map on the disk still refers to them.
   uint32_t Release() {
     const uint32_t count = std::exchange(replacedCount_, 0);
-    return ReleaseUnreferenced(ctx_, {replaced_.get(), count});
+    const uint32_t st = ReleaseUnreferenced(ctx_, {replaced_.get(), count});
+    allocator_.Restart();  // whatever was given back lies behind its cursors
+    return st;
   }
 
   uint32_t WriteMap() {

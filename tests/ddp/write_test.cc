@@ -265,6 +265,50 @@ TEST_F(DedupWriteTest, UnitsAreGivenBackOnlyWhenNothingRefersToThem) {
   }
 }
 
+TEST_F(DedupWriteTest, ADamagedMapMayHideAReference) {
+  const Bytes text(kBlk, 'q');
+  for (const uint32_t spoilt : {0U, 4U, 5U}) {  // none, hash map, translation map
+    DedupImage image({.mode = 2, .disks = 2});
+    image.Store(1, 225, Bytes(kBlk, 'w'), 1);
+    image.Seal();
+    const uint64_t hashMap = DedupImage::At(image.Place().hmapStart);
+    if (spoilt != 0) image.Disk(1).Flip((spoilt == 4 ? hashMap : image.XmapAt(1)) + 4000, 1);
+    Open(image, false);
+    const auto used = [&] { return UnitsInUse(image, 0) + UnitsInUse(image, 1); };
+    const uint64_t before = used();
+    EXPECT_EQ(Write(0, 0, text), KAB_OK);
+    EXPECT_EQ(used(), before + 1);
+    EXPECT_EQ(Write(0, 0, Bytes(kBlk)), KAB_OK);
+    EXPECT_EQ(used(), spoilt == 0 ? before : before + 1) << spoilt;
+  }
+}
+
+TEST_F(DedupWriteTest, WhatALongWriteGaveBackIsFoundAgain) {
+  // Nine map blocks of incompressible blocks, and as many units free as they take: the tenth needs those given back.
+  constexpr uint64_t kBlks = 9 * 225;
+  DedupImage image({.mode = 1, .disks = 1, .diskSize = 32ULL << 20});
+  std::mt19937_64 random(3);
+  const auto fill = [&](Bytes& bytes) {
+    for (size_t at = 0; at < bytes.size(); at += 8) Put(&bytes[at], 8, random());
+  };
+  Bytes block(kBlk);
+  for (uint64_t blk = 0; blk < kBlks; ++blk) {
+    fill(block);
+    image.Store(0, blk, block, 0);
+  }
+  image.FillUp(2 * kBlks);
+  Open(image);
+  // Thousands of writes, none of which need reach the medium.
+  const int fast = open(paths_.disks[0].c_str(), O_RDWR);
+  ASSERT_EQ(dup2(fast, disks_[0]->fd), disks_[0]->fd);
+  close(fast);
+  Bytes bytes((kBlks + 1) * kBlk);
+  fill(bytes);
+  EXPECT_EQ(Write(0, 0, bytes), KAB_OK) << log_.Text();
+  EXPECT_TRUE(Read(0, 0, bytes.size()) == bytes);
+  CheckMetadata(image);
+}
+
 TEST_F(DedupWriteTest, DamageIsNotWrittenOver) {
   const Bytes text(kBlk, 'd');
   {
