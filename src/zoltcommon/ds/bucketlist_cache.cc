@@ -1,14 +1,22 @@
 // The key-context cache: a slab of key areas shared by several lists. A node that loses its slot is packed
 //
-//   tuples -> columns of differences -> byte planes -> LZ4 -> chained buffers of 10240 bytes
+//   tuples -> columns of differences -> byte planes -> LZ4, if more than a buffer -> chained buffers of 10240 bytes
 //
 // and unpacked on its next use. Sorted keys, rising sequence numbers and addresses differ little from one tuple to the
-// next, so most planes are zero.
+// next, offsets are multiples of a sector or a block, and a word may hold another one again: most planes are not there.
+// Scattered keys make a replay pack and unpack a node for every few of them, so the planes are made eight at a time.
 
 #include <lz4.h>
 
 #include <bit>
 #include <cstring>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"  // the intrinsics' own don't-care operands
+#endif
+#endif
 
 #include "kab/core.h"
 #include "kab/indexes.h"
@@ -17,8 +25,9 @@
 
 struct BucketlistCompressedBuffer {
   BucketlistCompressedBuffer* next;
-  uint32_t used;  // bytes
-  uint8_t bytes[BUCKETLIST_COMPRESSED_BUFFER_SIZE - sizeof(BucketlistCompressedBuffer*) - sizeof(uint32_t)];
+  uint16_t used;   // bytes
+  uint16_t plain;  // the planes as they are: they fit, and LZ4 would save nothing
+  uint8_t bytes[BUCKETLIST_COMPRESSED_BUFFER_SIZE - sizeof(BucketlistCompressedBuffer*) - 2 * sizeof(uint16_t)];
 };
 static_assert(sizeof(BucketlistCompressedBuffer) == BUCKETLIST_COMPRESSED_BUFFER_SIZE);
 
@@ -33,12 +42,15 @@ struct ColumnHead {
   uint64_t base;    // of differences: the first value; else the smallest
   uint8_t planes;   // bytes kept of each value
   uint8_t differs;  // values are zigzag differences to their predecessor
-  uint8_t unused[6];
+  uint8_t shift;    // low bits that are 0 in each of them, and not kept
+  uint8_t sameAs;   // 1 + the column that this one is, with `base` added; 0: none
+  uint8_t unused[4];
 };
 
 constexpr uint32_t kPackedMax = BUCKETLIST_TUPLE_WORDS * (sizeof(ColumnHead) + 8 * kNodeEntries);
 constexpr uint32_t kCompressedMax = LZ4_COMPRESSBOUND(kPackedMax);
-constexpr uint32_t kScratchSize = kPackedMax + kCompressedMax;
+constexpr uint32_t kColumnsAt = (kPackedMax + kCompressedMax + 63) / 64 * 64;
+constexpr uint32_t kScratchSize = kColumnsAt + (BUCKETLIST_TUPLE_WORDS + 1) * 8 * kNodeEntries;
 
 uint64_t Zigzag(uint64_t difference) {
   return (difference << 1) ^ static_cast<uint64_t>(static_cast<int64_t>(difference) >> 63);
@@ -50,56 +62,197 @@ uint8_t BytesOf(uint64_t value) { return static_cast<uint8_t>((std::bit_width(va
 
 void LoadColumn(const BucketlistNode& node, uint32_t word, uint64_t* values) {
   const BucketlistKeyArea* area = node.keyArea;
-  for (uint32_t i = 0; i < node.sortedCount; ++i) {
-    const uint32_t slot = node.sortedStart + i;
-    values[i] = word == 0 ? area->keys[slot] : area->payloads[slot][word - 1];
+  if (word == 0) {
+    std::memcpy(values, area->keys + node.sortedStart, node.sortedCount * sizeof values[0]);
+    return;
+  }
+  for (uint32_t i = 0; i < node.sortedCount; ++i) values[i] = area->payloads[node.sortedStart + i][word - 1];
+}
+
+// Writes `planes` bytes of each value, from bit `shift` on, plane by plane; returns how many values that were whole
+// eights it has done.
+#if defined(__x86_64__)
+__attribute__((target("avx512f"))) uint32_t PutEights(const uint64_t* values, uint32_t count, uint32_t shift,
+                                                      uint32_t planes, uint8_t* out) {
+  uint32_t i = 0;
+  for (; i + 8 <= count; i += 8) {
+    __m512i wide = _mm512_srl_epi64(_mm512_loadu_si512(values + i), _mm_cvtsi32_si128(static_cast<int>(shift)));
+    for (uint32_t p = 0; p < planes; ++p, wide = _mm512_srli_epi64(wide, 8)) {
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + p * count + i), _mm512_cvtepi64_epi8(wide));
+    }
+  }
+  return i;
+}
+
+__attribute__((target("avx512f"))) uint32_t TakeEights(const uint8_t* in, uint32_t count, uint32_t shift,
+                                                       uint32_t planes, uint64_t* values) {
+  uint32_t i = 0;
+  for (; i + 8 <= count; i += 8) {
+    __m512i wide = _mm512_setzero_si512();
+    for (uint32_t p = planes; p > 0; --p) {
+      const __m128i narrow = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + (p - 1) * count + i));
+      wide = _mm512_or_si512(_mm512_slli_epi64(wide, 8), _mm512_cvtepu8_epi64(narrow));
+    }
+    _mm512_storeu_si512(values + i, _mm512_sll_epi64(wide, _mm_cvtsi32_si128(static_cast<int>(shift))));
+  }
+  return i;
+}
+#endif
+
+void PutPlanes(const uint64_t* values, uint32_t count, uint32_t shift, uint32_t planes, uint8_t* out) {
+  uint32_t done = 0;
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512f")) done = PutEights(values, count, shift, planes, out);
+#endif
+  for (uint32_t p = 0; p < planes; ++p, out += count) {
+    for (uint32_t i = done; i < count; ++i) out[i] = static_cast<uint8_t>(values[i] >> (shift + 8 * p));
   }
 }
 
-// Returns the bytes written to `out`.
-uint32_t PackColumn(uint64_t* values, uint32_t count, uint8_t* out) {
-  uint64_t smallest = values[0];
-  uint64_t differences = 0;
-  for (uint32_t i = 1; i < count; ++i) {
-    if (values[i] < smallest) smallest = values[i];
-    differences |= Zigzag(values[i] - values[i - 1]);
+void TakePlanes(const uint8_t* in, uint32_t count, uint32_t shift, uint32_t planes, uint64_t* values) {
+  uint32_t done = 0;
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512f")) done = TakeEights(in, count, shift, planes, values);
+#endif
+  std::memset(values + done, 0, (count - done) * sizeof values[0]);
+  for (uint32_t p = 0; p < planes; ++p, in += count) {
+    for (uint32_t i = done; i < count; ++i) values[i] |= uint64_t{in[i]} << (shift + 8 * p);
   }
+}
+
+// Returns the bytes written to `out`; `work` has room for the column.
+[[gnu::always_inline]] inline uint32_t PackColumnHere(const uint64_t* values, uint32_t count, uint64_t* work,
+                                                      uint8_t* out) {
+  uint64_t smallest = values[0];
+  for (uint32_t i = 1; i < count; ++i) smallest = values[i] < smallest ? values[i] : smallest;
   uint64_t offsets = 0;
   for (uint32_t i = 0; i < count; ++i) offsets |= values[i] - smallest;
+  uint64_t differences = 0;
+  work[0] = 0;
+  for (uint32_t i = 1; i < count; ++i) {
+    work[i] = Zigzag(values[i] - values[i - 1]);
+    differences |= work[i];
+  }
   ColumnHead head{};
-  head.differs = std::bit_width(differences) <= std::bit_width(offsets);
+  // Zigzag moves a difference up by a bit, which the shift takes back.
+  const auto width = [](uint64_t bits) { return bits != 0 ? std::bit_width(bits) - std::countr_zero(bits) : 0; };
+  head.differs = width(differences) <= width(offsets);
   head.base = head.differs != 0 ? values[0] : smallest;
-  head.planes = BytesOf(head.differs != 0 ? differences : offsets);
-  if (head.differs != 0) {
-    for (uint32_t i = count - 1; i > 0; --i) values[i] = Zigzag(values[i] - values[i - 1]);
-    values[0] = 0;
-  } else {
-    for (uint32_t i = 0; i < count; ++i) values[i] -= smallest;
+  const uint64_t bits = head.differs != 0 ? differences : offsets;
+  if (bits != 0) head.shift = static_cast<uint8_t>(std::countr_zero(bits));
+  head.planes = BytesOf(bits >> head.shift);
+  if (head.differs == 0) {
+    for (uint32_t i = 0; i < count; ++i) work[i] = values[i] - smallest;
   }
   std::memcpy(out, &head, sizeof head);
-  uint8_t* plane = out + sizeof head;
-  for (uint32_t p = 0; p < head.planes; ++p, plane += count) {
-    for (uint32_t i = 0; i < count; ++i) plane[i] = static_cast<uint8_t>(values[i] >> (8 * p));
-  }
-  return static_cast<uint32_t>(plane - out);
+  PutPlanes(work, count, head.shift, head.planes, out + sizeof head);
+  return static_cast<uint32_t>(sizeof head + head.planes * count);
 }
 
 // Returns the bytes read.
-uint32_t UnpackColumn(const uint8_t* in, uint32_t count, uint64_t* values) {
+[[gnu::always_inline]] inline uint32_t UnpackColumnHere(const uint8_t* in, uint32_t count, uint64_t* values) {
   ColumnHead head;
   std::memcpy(&head, in, sizeof head);
-  const uint8_t* plane = in + sizeof head;
-  std::memset(values, 0, count * sizeof values[0]);
-  for (uint32_t p = 0; p < head.planes; ++p, plane += count) {
-    for (uint32_t i = 0; i < count; ++i) values[i] |= uint64_t{plane[i]} << (8 * p);
-  }
+  TakePlanes(in + sizeof head, count, head.shift, head.planes, values);
   if (head.differs != 0) {
+    for (uint32_t i = 0; i < count; ++i) values[i] = Unzigzag(values[i]);
     uint64_t value = head.base;
-    for (uint32_t i = 0; i < count; ++i) values[i] = value += Unzigzag(values[i]);
+    for (uint32_t i = 0; i < count; ++i) values[i] = value += values[i];
   } else {
     for (uint32_t i = 0; i < count; ++i) values[i] += head.base;
   }
-  return static_cast<uint32_t>(plane - in);
+  return static_cast<uint32_t>(sizeof head + head.planes * count);
+}
+
+#if defined(__x86_64__)
+__attribute__((target("avx512f"))) uint32_t PackColumnAvx512(const uint64_t* values, uint32_t count, uint64_t* work,
+                                                             uint8_t* out) {
+  return PackColumnHere(values, count, work, out);
+}
+__attribute__((target("avx512f"))) uint32_t UnpackColumnAvx512(const uint8_t* in, uint32_t count, uint64_t* values) {
+  return UnpackColumnHere(in, count, values);
+}
+#endif
+
+uint32_t PackColumn(const uint64_t* values, uint32_t count, uint64_t* work, uint8_t* out) {
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512f")) return PackColumnAvx512(values, count, work, out);
+#endif
+  return PackColumnHere(values, count, work, out);
+}
+
+uint32_t UnpackColumn(const uint8_t* in, uint32_t count, uint64_t* values) {
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512f")) return UnpackColumnAvx512(in, count, values);
+#endif
+  return UnpackColumnHere(in, count, values);
+}
+
+// Columns side by side. Too large for a stack that may be a small one: part of the cache's scratch.
+struct Columns {
+  uint64_t values[BUCKETLIST_TUPLE_WORDS][kNodeEntries];
+  uint64_t work[kNodeEntries];
+};
+static_assert(kColumnsAt + sizeof(Columns) == kScratchSize);
+
+// 1 + an earlier column from which this one differs by a constant; 0: there is none.
+uint8_t SameAs(const Columns& columns, uint32_t word, uint32_t count) {
+  const uint64_t* values = columns.values[word];
+  for (uint32_t other = 0; other < word; ++other) {
+    const uint64_t* others = columns.values[other];
+    const uint64_t apart = values[0] - others[0];
+    uint32_t i = 1;
+    while (i < count && values[i] - others[i] == apart) ++i;
+    if (i == count) return static_cast<uint8_t>(other + 1);
+  }
+  return 0;
+}
+
+uint32_t PackNode(const Bucketlist& list, const BucketlistNode& node, Columns* columns, uint8_t* out) {
+  const uint32_t count = node.sortedCount;
+  uint32_t packed = 0;
+  for (uint32_t word = 0; count > 0 && word < list.tupleSize; ++word) {
+    uint64_t* values = columns->values[word];
+    LoadColumn(node, word, values);
+    ColumnHead head{};
+    head.sameAs = SameAs(*columns, word, count);
+    if (head.sameAs == 0) {
+      packed += PackColumn(values, count, columns->work, out + packed);
+      continue;
+    }
+    head.base = values[0] - columns->values[head.sameAs - 1][0];
+    std::memcpy(out + packed, &head, sizeof head);
+    packed += static_cast<uint32_t>(sizeof head);
+  }
+  return packed;
+}
+
+void UnpackNode(const Bucketlist& list, const BucketlistNode& node, Columns* columns, const uint8_t* in) {
+  const uint32_t count = node.sortedCount;
+  if (count == 0) return;
+  for (uint32_t word = 0; word < BUCKETLIST_TUPLE_WORDS; ++word) {
+    uint64_t* values = columns->values[word];
+    if (word >= list.tupleSize) {
+      std::memset(values, 0, count * sizeof values[0]);  // the slot's last owner may have been wider
+      continue;
+    }
+    ColumnHead head;
+    std::memcpy(&head, in, sizeof head);
+    if (head.sameAs == 0) {
+      in += UnpackColumn(in, count, values);
+      continue;
+    }
+    const uint64_t* others = columns->values[head.sameAs - 1];
+    for (uint32_t i = 0; i < count; ++i) values[i] = others[i] + head.base;
+    in += sizeof head;
+  }
+  BucketlistKeyArea* area = node.keyArea;
+  std::memcpy(area->keys, columns->values[0], count * sizeof area->keys[0]);
+  for (uint32_t i = 0; i < count; ++i) {
+    for (uint32_t word = 1; word < BUCKETLIST_TUPLE_WORDS; ++word) {
+      area->payloads[i][word - 1] = columns->values[word][i];
+    }
+  }
 }
 
 void FreeBuffers(Bucketlist* list, BucketlistNode* node) {
@@ -129,18 +282,16 @@ void ChainNewest(BucketlistCache* cache, int32_t slot) {
 bool Compress(Bucketlist* list, BucketlistNode* node, uint8_t* scratch) {
   SortNode(node);
   RefreshFirst(node);
-  uint64_t values[kNodeEntries];
-  uint32_t packed = 0;
-  if (node->sortedCount > 0) {
-    for (uint32_t word = 0; word < list->tupleSize; ++word) {
-      LoadColumn(*node, word, values);
-      packed += PackColumn(values, node->sortedCount, scratch + packed);
-    }
+  auto* columns = reinterpret_cast<Columns*>(scratch + kColumnsAt);
+  const uint8_t* source = scratch;
+  uint32_t left = PackNode(*list, *node, columns, scratch);
+  const bool plain = left <= sizeof(BucketlistCompressedBuffer::bytes);
+  if (!plain) {
+    source = scratch + kPackedMax;
+    left = static_cast<uint32_t>(LZ4_compress_default(reinterpret_cast<const char*>(scratch),
+                                                      reinterpret_cast<char*>(scratch + kPackedMax),
+                                                      static_cast<int>(left), static_cast<int>(kCompressedMax)));
   }
-  const char* source = reinterpret_cast<const char*>(scratch);
-  uint8_t* compressed = scratch + kPackedMax;
-  auto left = static_cast<uint32_t>(LZ4_compress_default(source, reinterpret_cast<char*>(compressed),
-                                                         static_cast<int>(packed), static_cast<int>(kCompressedMax)));
   BucketlistCompressedBuffer** end = &node->compressed;
   do {
     *end = Bucketlist_AllocCompressedBuffer(list);
@@ -149,9 +300,10 @@ bool Compress(Bucketlist* list, BucketlistNode* node, uint8_t* scratch) {
       return false;
     }
     const uint32_t used = left < sizeof(*end)->bytes ? left : static_cast<uint32_t>(sizeof(*end)->bytes);
-    std::memcpy((*end)->bytes, compressed, used);
-    (*end)->used = used;
-    compressed += used;
+    std::memcpy((*end)->bytes, source, used);
+    (*end)->used = static_cast<uint16_t>(used);
+    (*end)->plain = plain;
+    source += used;
     left -= used;
     end = &(*end)->next;
   } while (left > 0);
@@ -159,6 +311,9 @@ bool Compress(Bucketlist* list, BucketlistNode* node, uint8_t* scratch) {
 }
 
 void Decompress(Bucketlist* list, BucketlistNode* node, uint8_t* scratch) {
+  auto* columns = reinterpret_cast<Columns*>(scratch + kColumnsAt);
+  node->sortedStart = 0;
+  if (node->compressed->plain != 0) return UnpackNode(*list, *node, columns, node->compressed->bytes);
   uint8_t* compressed = scratch + kPackedMax;
   uint32_t length = 0;
   for (const auto* buffer = node->compressed; buffer != nullptr; buffer = buffer->next) {
@@ -170,19 +325,7 @@ void Decompress(Bucketlist* list, BucketlistNode* node, uint8_t* scratch) {
   if (packed < 0) {
     plinth::Panic("Failed at %s:%d -- PLINTH_ASSERT(%s)", "zoltcommon/ds/bucketlist", __LINE__, "packed >= 0");
   }
-  BucketlistKeyArea* area = node->keyArea;
-  node->sortedStart = 0;
-  uint64_t values[kNodeEntries];
-  uint32_t at = 0;
-  for (uint32_t word = 0; node->sortedCount > 0 && word < BUCKETLIST_TUPLE_WORDS; ++word) {
-    if (word < list->tupleSize) {
-      at += UnpackColumn(scratch + at, node->sortedCount, word == 0 ? area->keys : values);
-      if (word == 0) continue;
-    } else {
-      std::memset(values, 0, node->sortedCount * sizeof values[0]);  // the slot's last owner may have been wider
-    }
-    for (uint32_t i = 0; i < node->sortedCount; ++i) area->payloads[i][word - 1] = values[i];
-  }
+  UnpackNode(*list, *node, columns, scratch);
 }
 
 // A slot for a node, with its key area as the last owner left it. Compresses the least recently used node without
