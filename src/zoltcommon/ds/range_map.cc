@@ -29,8 +29,7 @@ class Overwrite {
     const Walk walk = Upper();
     if (walk == Walk::kDone) return status_;
     if (walk == Walk::kBackwards) Backwards();
-    if (status_ == KAB_OK && deletionPending_) DeletePending();
-    if (status_ == KAB_OK && !stored_ && fresh_.owner != kUnmapped) Note(Insert(fresh_));
+    if (status_ == KAB_OK && !stored_ && !Removal()) Note(Insert(fresh_));
     if (status_ == KAB_OK && head_.length != 0) Note(Insert(head_));
     return status_;
   }
@@ -43,12 +42,14 @@ class Overwrite {
   }
 
   ZOLTRangeTuple Current() const {
-    ZOLTRangeTuple range;
-    uint64_t tuple[BUCKETLIST_TUPLE_WORDS];
-    Bucketlist_IteratorRead(list_, tuple, &at_);
-    std::memcpy(&range, tuple, sizeof range);
-    return range;
+    return {.end = at_.key,
+            .length = at_.payload[0],
+            .owner = at_.payload[1],
+            .address = at_.payload[2],
+            .data = at_.payload[3]};
   }
+
+  bool Removal() const { return fresh_.owner == kUnmapped; }
 
   uint32_t Write(const ZOLTRangeTuple& range) {
     uint64_t tuple[BUCKETLIST_TUPLE_WORDS];
@@ -98,31 +99,29 @@ class Overwrite {
     const uint64_t rangeStart = StartOf(range);
     if (rangeStart >= fresh_.end) return StepBack();
 
-    const bool removal = fresh_.owner == kUnmapped;
     Report(range, std::max(start_, rangeStart), std::min(range.end, fresh_.end));
+    const bool reachesStart = rangeStart <= start_;
     if (range.end > fresh_.end) {
       if (rangeStart < start_) KeepHead(range);
       range.length = range.end - fresh_.end;
       range.address += fresh_.end - rangeStart;
       Note(Write(range));
-    } else if (rangeStart == start_) {
-      if (removal) {
-        Note(Bucketlist_DeleteInvalidateIter(list_, &at_));
-      } else {
-        Note(Write(fresh_));
-      }
-      return Walk::kDone;
-    } else if (rangeStart < start_) {
-      KeepHead(range);
-      deletionPending_ = true;
-    } else if (removal) {
-      deletionPending_ = true;
-    } else {
+    } else if (!Removal()) {
+      if (rangeStart < start_) KeepHead(range);
       Note(Write(fresh_));
       stored_ = true;
+    } else if (rangeStart == start_) {
+      Note(Bucketlist_DeleteInvalidateIter(list_, &at_));
+    } else if (rangeStart < start_) {
+      KeepHead(range);
+      Note(Write(head_));
+      head_.length = 0;
+    } else {
+      Note(Bucketlist_DeleteTryMaintainIter(list_, &at_));
+      return status_ == KAB_OK ? Walk::kBackwards : Walk::kDone;
     }
     if (status_ != KAB_OK) return Walk::kDone;
-    return StepBack();
+    return reachesStart ? Walk::kFinish : StepBack();  // ranges do not overlap: none before it reaches the start
   }
 
   // Ranges wholly inside the new one go; the first that begins before it is cut down to what lies before.
@@ -131,7 +130,14 @@ class Overwrite {
       ZOLTRangeTuple range = Current();
       if (StartOf(range) >= start_) {
         Report(range, StartOf(range), range.end);
-        Note(Bucketlist_DeleteTryMaintainIter(list_, &at_));
+        if (stored_ || Removal()) {
+          Note(Bucketlist_DeleteTryMaintainIter(list_, &at_));
+          continue;
+        }
+        // The uppermost one becomes the new range: nothing lies between it and the new end.
+        Note(Write(fresh_));
+        stored_ = true;
+        if (status_ != KAB_OK || StepBack() == Walk::kFinish) return;
         continue;
       }
       if (range.end > start_) {
@@ -144,12 +150,6 @@ class Overwrite {
     }
   }
 
-  // The range that ended exactly at the new end.
-  void DeletePending() {
-    const uint32_t st = Bucketlist_LowerBound(list_, &at_, fresh_.end);
-    Note(st == KAB_OK ? Bucketlist_DeleteInvalidateIter(list_, &at_) : st);
-  }
-
   Bucketlist* list_;
   uint64_t start_;
   ZOLTRangeTuple fresh_;
@@ -157,7 +157,6 @@ class Overwrite {
   uint64_t callbackArg_;
   BucketlistIterator at_{};
   ZOLTRangeTuple head_{};
-  bool deletionPending_ = false;
   bool stored_ = false;
   uint32_t status_ = KAB_OK;
 };
