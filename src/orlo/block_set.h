@@ -9,22 +9,25 @@ namespace kab::orlo {
 
 class BlockSet {
  public:
-  bool Contains(uint64_t number) const { return slots_ && slots_[Find(number)] == number + 1; }
+  bool Contains(uint64_t number) const { return slots_ && slots_[Find(Entry(number))] != 0; }
 
-  /// False when memory is exhausted. `number` is not all ones.
+  /// False when memory is exhausted.
   bool Insert(uint64_t number) {
     if (2 * (used_ + 1) > size_ && !Grow()) return false;
-    uint64_t& slot = slots_[Find(number)];
+    uint64_t& slot = slots_[Find(Entry(number))];
     if (slot == 0) ++used_;
-    slot = number + 1;
+    slot = Entry(number);
     return true;
   }
 
  private:
-  /// The slot that holds the number, or the free one where it belongs.
-  uint64_t Find(uint64_t number) const {
-    uint64_t at = (number * 0x9e3779b97f4a7c15) >> shift_;
-    while (slots_[at] != 0 && slots_[at] != number + 1) at = (at + 1) & (size_ - 1);
+  /// What stands for a number: 0 is a free slot, and all ones, no block, must not wrap to it.
+  static uint64_t Entry(uint64_t number) { return number == UINT64_MAX ? number : number + 1; }
+
+  /// The slot that holds the entry, or the free one where it belongs.
+  uint64_t Find(uint64_t entry) const {
+    uint64_t at = (entry * 0x9e3779b97f4a7c15) >> shift_;
+    while (slots_[at] != 0 && slots_[at] != entry) at = (at + 1) & (size_ - 1);
     return at;
   }
 
@@ -40,14 +43,14 @@ class BlockSet {
     shift_ = formerSize != 0 ? shift_ - 1 : kFirstShift;
     size_ = size;
     for (uint64_t i = 0; i < formerSize; ++i) {
-      if (former[i] != 0) slots_[Find(former[i] - 1)] = former[i];
+      if (former[i] != 0) slots_[Find(former[i])] = former[i];
     }
     return true;
   }
 
   static constexpr uint32_t kFirstShift = 56;
 
-  Owned<uint64_t[]> slots_;  // number + 1, 0 for a free slot; at most half of them are taken
+  Owned<uint64_t[]> slots_;  // entries, 0 for a free slot; at most half of them are taken
   uint64_t size_ = 0;
   uint64_t used_ = 0;
   uint32_t shift_ = kFirstShift;

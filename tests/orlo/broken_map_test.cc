@@ -149,6 +149,20 @@ TEST(BrokenMapSharedTest, SharedNodesDoNotMultiplyTheWork) {
   EXPECT_THAT(group.log.Text(), HasSubstr("the keys of the walk do not rise"));
 }
 
+TEST(BrokenMapRunTest, TheBitmapWalkAsksForAChildThatIsNoBlock) {
+  for (const uint8_t version : {uint8_t{6}, uint8_t{7}}) {
+    OrloGroup group(version);
+    const uint64_t root = group.orlo[0].Allocate(2);
+    PutPair(group.orlo[0], root, version == 6 ? UINT32_MAX : UINT64_MAX, root + 1);
+    group.orlo[0].PutLeaf(root + 1, kRuns);
+    group.Open();
+    std::vector<uint32_t> bits(ORLO_LBA_MAP_BITS / 32);
+    EXPECT_EQ(OrloReadComponentBtree(group.Disk(), root, bits.data()), KAB_OK);
+    EXPECT_EQ(bits[(1500 - 1024) / 32], 3U << (1500 - 1024) % 32);
+    EXPECT_THAT(group.log.Text(), HasSubstr(": Error: Read Failed at offset 144115188075855360, length 4096\n"));
+  }
+}
+
 TEST(BrokenMapSharedTest, OverlappingRunsDoNotMultiplyTheWork) {
   OrloGroup group(7);
   std::vector<OrloRun> runs;
