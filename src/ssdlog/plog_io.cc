@@ -11,6 +11,7 @@
 #include "kab/indexes.h"
 #include "kab/ssdlog.h"
 #include "ssdlog/log_block.h"
+#include "zoltcommon/ds/lba_table.h"
 
 namespace kab::ssdlog {
 namespace {
@@ -109,11 +110,14 @@ struct Rest {
 template <class Access, class Byte>
 uint32_t AlongTable(KABDiskCtx* ctx, Byte* buf, uint32_t length, uint64_t offset) {
   Rest<Byte> rest{buf, offset + KeyBase(ctx), length};
-  if (ctx->plogState == nullptr) return Access::Backing(ctx, rest.buf, rest.length, rest.key);
+  // A context without a group, such as an SSD that shares its state with its disks, has no PLOG of its own.
+  if (ctx->group == nullptr || ctx->plogState == nullptr) return Access::Backing(ctx, rest.buf, rest.length, rest.key);
   if (length == 0) return KAB_OK;
 
   ZOLTLbaTableCursor cursor;
-  const ZOLTLbaRange* range = ZOLTLbaTable_Find(&ctx->plogState->lbaTable, rest.key, &cursor);
+  ZOLTLbaRange* range = nullptr;
+  // Without memory for the look-up nothing tells whether the disk is stale there.
+  if (ds::FindRange(&ctx->plogState->lbaTable, rest.key, &cursor, &range) != KAB_OK) return KAB_OUT_OF_MEMORY;
   while (range != nullptr && (range->start <= rest.key || range->start - rest.key < rest.length)) {
     if (range->start > rest.key) {
       const auto gap = static_cast<uint32_t>(range->start - rest.key);
@@ -128,7 +132,8 @@ uint32_t AlongTable(KABDiskCtx* ctx, Byte* buf, uint32_t length, uint64_t offset
                                                                 : Access::Logged(ctx, rest.buf, piece, address);
     if (st != KAB_OK || piece == rest.length) return st;
     rest.Skip(piece);
-    range = ZOLTLbaTable_Next(&ctx->plogState->lbaTable, &cursor);  // the first that ends above the key
+    // The next is the first that ends above the key.
+    if (ds::NextRange(&ctx->plogState->lbaTable, &cursor, &range) != KAB_OK) return KAB_OUT_OF_MEMORY;
   }
   return Access::Backing(ctx, rest.buf, rest.length, rest.key);
 }

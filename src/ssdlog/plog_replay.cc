@@ -13,6 +13,7 @@
 #include "ssdlog/log_block.h"
 #include "ssdlog/log_walk.h"
 #include "ssdlog/plog_state.h"
+#include "zoltcommon/ds/lba_table.h"
 
 namespace kab::ssdlog {
 namespace {
@@ -168,8 +169,7 @@ uint32_t ReplayWrite(KABDiskCtx* ctx, KABPlogState* state, Bytes entry) {
     ++state->exactRemovals;
     return FromIndex(ZOLTLbaTable_RemoveRangeExact(&state->lbaTable, lba, lba + length, ReleaseDisplaced, arg));
   }
-  ZOLTLbaTable_Insert(&state->lbaTable, lba, length, lsn, map.get(), data, ReleaseDisplaced, arg);
-  return KAB_OK;
+  return FromIndex(ds::InsertExtents(&state->lbaTable, lba, lsn, map.get(), data, ReleaseDisplaced, arg));
 }
 
 // Takes a released LSN's ranges out, from its LBA on through ranges that follow one another without a gap.
@@ -183,7 +183,9 @@ uint32_t ReleaseLsn(Replay* replay, KABPlogState* state, uint64_t lsn) {
   if (st != KAB_OK) return st;
 
   ZOLTLbaTableCursor cursor;
-  const ZOLTLbaRange* range = ZOLTLbaTable_Find(&state->lbaTable, lba, &cursor);
+  ZOLTLbaRange* range = nullptr;
+  st = FromIndex(ds::FindRange(&state->lbaTable, lba, &cursor, &range));
+  if (st != KAB_OK) return st;
   if (range == nullptr || range->start > lba) return KAB_OK;
   uint64_t remaining = ClassLength(ClassOf(range->data), *state);
   while (remaining != 0 && range != nullptr) {
@@ -195,10 +197,11 @@ uint32_t ReleaseLsn(Replay* replay, KABPlogState* state, uint64_t lsn) {
       st = FromIndex(ZOLTLbaTable_RemoveRangeExact(&state->lbaTable, range->start, end, ReleaseDisplaced,
                                                    reinterpret_cast<uint64_t>(state)));
       if (st != KAB_OK) return st;
-      range = ZOLTLbaTable_Find(&state->lbaTable, end, &cursor);
+      st = FromIndex(ds::FindRange(&state->lbaTable, end, &cursor, &range));
     } else {
-      range = ZOLTLbaTable_Next(&state->lbaTable, &cursor);
+      st = FromIndex(ds::NextRange(&state->lbaTable, &cursor, &range));
     }
+    if (st != KAB_OK) return st;
     if (range != nullptr && range->start != end) range = nullptr;
     remaining -= std::min(length, remaining);
   }

@@ -10,6 +10,7 @@
 #include "kab/indexes.h"
 #include "kab/orlo.h"
 #include "kab/zolt.h"
+#include "zoltcommon/ds/lba_table.h"
 
 namespace kab::zolt {
 namespace {
@@ -68,7 +69,8 @@ uint32_t KABComponentRead(KABComponentHandle* handle, void* buf, uint32_t length
   uint32_t remaining = length;
   ZOLTLbaTableCursor cursor;
   for (;;) {
-    const ZOLTLbaRange* range = ZOLTLbaTable_Find(&handle->compState->lbaTable, key, &cursor);
+    ZOLTLbaRange* range = nullptr;
+    if (kab::ds::FindRange(&handle->compState->lbaTable, key, &cursor, &range) != KAB_OK) return KAB_OUT_OF_MEMORY;
     if (range == nullptr || range->start > key + remaining - 1 || range->start + range->length - 1 < key) break;
     if (range->start > key) {
       const auto gap = static_cast<uint32_t>(range->start - key);

@@ -226,4 +226,23 @@ TEST_F(PlogRefusalTest, FailingPiecesEndARequest) {
   EXPECT_EQ(std::count(bytes.begin(), bytes.begin() + 4096, 0), 4096);
 }
 
+// The SSD of a group with one shared state holds that state itself, and is no disk of the group.
+TEST_F(PlogRefusalTest, AnSsdHasNoPlogOfItsOwn) {
+  Ssd().DedupMode(2);
+  plog_.Add(sample::WriteEntry(DiskUuid(0), 1, 0, 4096, {{8000, 8}}));
+  image_.Write(plog_);
+  OpenedGroup opened = OpenChosen();
+  KABDiskCtx* ssd = opened.ssd.get();
+  ASSERT_EQ(KABSSDLOGRecovPlogLog(ssd), 0U);
+  ASSERT_NE(ssd->plogState, nullptr);
+  KABDumpCtx* dump = KABInitDumpFile(dir_.File("ssd.dump").c_str(), ssd->path, ssd->diskSize);
+  ASSERT_NE(dump, nullptr);
+  KABSetDumpFile(ssd, dump);
+  const uint64_t logged = 0 - (static_cast<uint64_t>(ssd->devIdx) << 50U);  // the key of the entry's range
+  EXPECT_NE(KABPlogDump(ssd, 4096, logged), 0U);                            // it has no packed blocks either
+  KABSetDumpFile(ssd, nullptr);
+  EXPECT_EQ(KABCloseDumpFile(dump), 0U);
+  KABFree(&dump);
+}
+
 }  // namespace

@@ -1,14 +1,16 @@
 // The range map of one address space: extents of the log go in, lookups say where a byte lives.
 
+#include "zoltcommon/ds/lba_table.h"
+
 #include <boost/endian/buffers.hpp>
 #include <cstring>
 
 #include "core/frame/memory.h"
-#include "kab/indexes.h"
 
 namespace kab::ds {
 namespace {
 
+constexpr uint32_t kNoEntry = 2;  // of a Bucketlist
 constexpr uint64_t kUnmapped = ~uint64_t{0};
 constexpr uint64_t kSectorSize = 512;
 constexpr uint64_t kMaxRun = 0x3fc00000;  // bytes
@@ -34,26 +36,15 @@ ZOLTLbaRange* Unpack(ZOLTLbaTableCursor* cursor) {
   return &cursor->range;
 }
 
+uint32_t Found(uint32_t st, ZOLTLbaTableCursor* cursor, ZOLTLbaRange** range) {
+  if (st == KAB_OK) *range = Unpack(cursor);
+  return st == kNoEntry ? uint32_t{KAB_OK} : st;
+}
+
 }  // namespace
-}  // namespace kab::ds
 
-using namespace kab::ds;
-
-uint32_t ZOLTLbaTable_Init(ZOLTLbaTable* table, BucketlistCache* cache, uint32_t tupleSize) {
-  table->list = kab::AllocRecord<Bucketlist>().release();
-  if (table->list == nullptr) return KAB_INVALID_ARGUMENT;
-  Bucketlist_Init(table->list, cache, tupleSize);
-  return KAB_OK;
-}
-
-void ZOLTLbaTable_Destroy(ZOLTLbaTable* table) {
-  if (table->list == nullptr) return;
-  Bucketlist_Destroy(table->list);
-  KABFree(&table->list);
-}
-
-void ZOLTLbaTable_Insert(ZOLTLbaTable* table, uint64_t start, uint64_t /*length*/, uint64_t owner, const void* extents,
-                         uint64_t data, ZOLTRangeDisplacedFn callback, uint64_t callbackArg) {
+uint32_t InsertExtents(ZOLTLbaTable* table, uint64_t start, uint64_t owner, const void* extents, uint64_t data,
+                       ZOLTRangeDisplacedFn callback, uint64_t callbackArg) {
   const auto* bytes = static_cast<const uint8_t*>(extents);
   const uint32_t count = reinterpret_cast<const PackedCount*>(bytes)->value();
   const auto* extent = reinterpret_cast<const PackedExtent*>(bytes + sizeof(PackedCount));
@@ -76,22 +67,58 @@ void ZOLTLbaTable_Insert(ZOLTLbaTable* table, uint64_t start, uint64_t /*length*
     uint64_t address;
     uint64_t addressEnd;
     uint64_t end;
-    if (__builtin_add_overflow(offset, run, &end)) return;  // and so would every extent after it
+    if (__builtin_add_overflow(offset, run, &end)) return KAB_OK;  // and so would every extent after it
     if (!__builtin_mul_overflow(startSector, kSectorSize, &address) &&
         !__builtin_add_overflow(address, run, &addressEnd)) {
-      (void)Rangemap_Insert(table->list, offset, end, owner, address, data, callback, callbackArg);
+      const uint32_t st = Rangemap_Insert(table->list, offset, end, owner, address, data, callback, callbackArg);
+      if (st != KAB_OK) return st;
     }
     offset = end;
   }
+  return KAB_OK;
+}
+
+uint32_t FindRange(ZOLTLbaTable* table, uint64_t offset, ZOLTLbaTableCursor* cursor, ZOLTLbaRange** range) {
+  *range = nullptr;
+  if (offset == ~uint64_t{0}) {  // nothing ends above the last offset
+    cursor->iterator.node = nullptr;
+    return KAB_OK;
+  }
+  return Found(Bucketlist_LowerBound(table->list, &cursor->iterator, offset + 1), cursor, range);
+}
+
+uint32_t NextRange(ZOLTLbaTable* table, ZOLTLbaTableCursor* cursor, ZOLTLbaRange** range) {
+  *range = nullptr;
+  if (cursor->iterator.node == nullptr) return KAB_OK;
+  return Found(Bucketlist_Successor(table->list, &cursor->iterator), cursor, range);
+}
+
+}  // namespace kab::ds
+
+using namespace kab::ds;
+
+uint32_t ZOLTLbaTable_Init(ZOLTLbaTable* table, BucketlistCache* cache, uint32_t tupleSize) {
+  table->list = kab::AllocRecord<Bucketlist>().release();
+  if (table->list == nullptr) return KAB_INVALID_ARGUMENT;
+  Bucketlist_Init(table->list, cache, tupleSize);
+  return KAB_OK;
+}
+
+void ZOLTLbaTable_Destroy(ZOLTLbaTable* table) {
+  if (table->list == nullptr) return;
+  Bucketlist_Destroy(table->list);
+  KABFree(&table->list);
+}
+
+void ZOLTLbaTable_Insert(ZOLTLbaTable* table, uint64_t start, uint64_t /*length*/, uint64_t owner, const void* extents,
+                         uint64_t data, ZOLTRangeDisplacedFn callback, uint64_t callbackArg) {
+  static_cast<void>(InsertExtents(table, start, owner, extents, data, callback, callbackArg));
 }
 
 ZOLTLbaRange* ZOLTLbaTable_Find(ZOLTLbaTable* table, uint64_t offset, ZOLTLbaTableCursor* cursor) {
-  if (offset == ~uint64_t{0}) {  // nothing ends above the last offset
-    cursor->iterator.node = nullptr;
-    return nullptr;
-  }
-  if (Bucketlist_LowerBound(table->list, &cursor->iterator, offset + 1) != KAB_OK) return nullptr;
-  return Unpack(cursor);
+  ZOLTLbaRange* range = nullptr;
+  static_cast<void>(FindRange(table, offset, cursor, &range));
+  return range;
 }
 
 ZOLTLbaRange* ZOLTLbaTable_First(ZOLTLbaTable* table, ZOLTLbaTableCursor* cursor) {
@@ -99,9 +126,9 @@ ZOLTLbaRange* ZOLTLbaTable_First(ZOLTLbaTable* table, ZOLTLbaTableCursor* cursor
 }
 
 ZOLTLbaRange* ZOLTLbaTable_Next(ZOLTLbaTable* table, ZOLTLbaTableCursor* cursor) {
-  if (cursor->iterator.node == nullptr) return nullptr;
-  if (Bucketlist_Successor(table->list, &cursor->iterator) != KAB_OK) return nullptr;
-  return Unpack(cursor);
+  ZOLTLbaRange* range = nullptr;
+  static_cast<void>(NextRange(table, cursor, &range));
+  return range;
 }
 
 uint32_t ZOLTLbaTable_UpdateData(ZOLTLbaTable* table, uint64_t data, ZOLTLbaTableCursor* cursor) {
