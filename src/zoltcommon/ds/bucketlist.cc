@@ -31,7 +31,7 @@ constexpr uint32_t kMaxCredit = kLookBack * kStepPrice;
 constexpr uint32_t kSparse = 128;
 constexpr uint32_t kJoined = 512;
 // Steps in unsorted nodes that are searched for: a few between insertions are cheaper than sorting, a walk is not.
-constexpr uint32_t kMaxUnsortedSteps = 4;
+constexpr uint32_t kMaxUnsortedSteps = 12;
 
 // A reference on a node.
 class Held {
@@ -157,6 +157,30 @@ void Load(const BucketlistNode& node, uint32_t slot, uint32_t rank, BucketlistIt
   iter->position = rank;
   iter->key = node.keyArea->keys[slot];
   std::memcpy(iter->payload, node.keyArea->payloads[slot], sizeof iter->payload);
+}
+
+// Whether the node's key area can be used without a reference: present, and newest in its cache or in none. Good until
+// anything else runs.
+bool IsAtHand(const Bucketlist& list, const BucketlistNode& node) {
+  return node.keyArea != nullptr && (node.cacheIndex < 0 || list.cache->newest == node.cacheIndex);
+}
+
+// Puts a rising tuple behind the last node's run, where most go; false when it has to go another way.
+bool Append(Bucketlist* list, const uint64_t* tuple) {
+  BucketlistNode* node = DirectoryLastFor(*list, tuple[0]);
+  if (node == nullptr || !IsAtHand(*list, *node)) return false;
+  const uint32_t end = node->sortedStart + node->sortedCount;
+  if (node->sortedCount == 0 || end >= kNodeEntries - node->tailCount) return false;
+  BucketlistKeyArea* area = node->keyArea;
+  if (tuple[0] < area->keys[end - 1]) return false;
+  area->keys[end] = tuple[0];
+  if (list->tupleSize == BUCKETLIST_TUPLE_WORDS) {
+    std::memcpy(area->payloads[end], tuple + 1, sizeof area->payloads[end]);
+  } else {
+    WriteSlot(node, end, tuple, list->tupleSize);
+  }
+  ++node->sortedCount;
+  return true;
 }
 
 // The slot of the iterator's entry in its (referenced) node; false when it is not there any more.
@@ -419,6 +443,7 @@ void Bucketlist_Destroy(Bucketlist* list) {
 uint32_t Bucketlist_Insert(Bucketlist* list, const uint64_t* tuple) {
   list->unsortedSteps = 0;
   if (list->shiftCredit < kMaxCredit) ++list->shiftCredit;
+  if (Append(list, tuple)) return KAB_OK;
   for (;;) {
     BucketlistNode* node = Candidate(list, tuple[0]);
     if (node == nullptr) return AddNode(list, tuple) != nullptr ? KAB_OK : KAB_INVALID_ARGUMENT;
@@ -460,12 +485,16 @@ uint32_t Bucketlist_End(Bucketlist* list, BucketlistIterator* iter) {
 }
 
 uint32_t Bucketlist_Successor(Bucketlist* list, BucketlistIterator* iter) {
-  BucketlistNode* node = iter->node;
+  const BucketlistNode* node = iter->node;
   // The common step of a scan needs no reference: it ends before anything else can run.
-  if (node->keyArea != nullptr && node->cacheIndex < 0 && Unsorted(*node) == 0) {
-    const uint32_t slot = node->sortedStart + iter->position;
-    if (iter->position + 1 < node->sortedCount && node->keyArea->keys[slot] == iter->key) {
-      Load(*node, slot + 1, iter->position + 1, iter);
+  if (IsAtHand(*list, *node) && Unsorted(*node) == 0) {
+    const uint32_t next = iter->position + 1;
+    const BucketlistKeyArea* area = node->keyArea;
+    const uint32_t slot = node->sortedStart + next;
+    if (next < node->sortedCount && area->keys[slot - 1] == iter->key) {
+      iter->position = next;
+      iter->key = area->keys[slot];
+      std::memcpy(iter->payload, area->payloads[slot], sizeof iter->payload);
       return KAB_OK;
     }
   }

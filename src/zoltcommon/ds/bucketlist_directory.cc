@@ -6,14 +6,6 @@
 #include "kab/core.h"
 #include "kab/indexes.h"
 
-// keys[capacity], then nodes[capacity], in one block.
-struct BucketlistDirectory {
-  uint32_t count;
-  uint32_t capacity;
-  uint64_t* keys;
-  BucketlistNode** nodes;
-};
-
 namespace kab::ds {
 namespace {
 

@@ -6,7 +6,23 @@
 
 #include "kab/types.h"
 
+// keys[capacity], then nodes[capacity], in one block.
+struct BucketlistDirectory {
+  uint32_t count;
+  uint32_t capacity;
+  uint64_t* keys;
+  BucketlistNode** nodes;
+};
+
 namespace kab::ds {
+
+/// The last node if its min key is at most `key`, which is where rising keys go; else, or without a directory, null.
+inline BucketlistNode* DirectoryLastFor(const Bucketlist& list, uint64_t key) {
+  const BucketlistDirectory* directory = list.directory;
+  if (directory == nullptr || directory->count == 0) return nullptr;
+  const uint32_t last = directory->count - 1;
+  return directory->keys[last] <= key ? directory->nodes[last] : nullptr;
+}
 
 /// The last node whose min key is at most `key`, or the first node. False when the list has no usable directory.
 bool DirectoryFind(const Bucketlist& list, uint64_t key, BucketlistNode** found);

@@ -7,6 +7,7 @@
 namespace kab::ds {
 namespace {
 
+constexpr uint32_t kBlockPays = 8;  // entries of the run for each one merged in
 constexpr uint32_t kPayloadWords = BUCKETLIST_TUPLE_WORDS - 1;
 
 struct Payload {
@@ -77,8 +78,16 @@ void MergeIn(BucketlistNode* node, const Lifted& lifted) {
   uint32_t run = RunEnd(*node);
   uint32_t to = run + lifted.count;
   const uint32_t start = node->sortedStart;
+  // Few arrivals: what lies between two of them moves at once.
+  const bool inBlocks = uint64_t{lifted.count} * kBlockPays < node->sortedCount;
   for (uint32_t left = lifted.count; left > 0; --left) {
     const uint64_t key = lifted.keys[left - 1];
+    if (inBlocks && key != ~uint64_t{0}) {
+      const uint32_t above = run - start - kKeySearch.lowerBound(keys + start, run - start, key + 1);
+      run -= above;
+      to -= above;
+      MoveSlots(area, to, run, above);
+    }
     while (run > start && keys[run - 1] > key) {
       --run;
       --to;
