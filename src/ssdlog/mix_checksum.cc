@@ -14,8 +14,8 @@ constexpr uint32_t kLanes = 8;
 
 // By reference: a vector handed over by value would depend on the instruction set in its calling convention.
 template <class W>
-[[gnu::always_inline]] inline void Mix(W& a, W& b, W& c) {
-  a -= b, a -= c, a ^= c >> 43;
+[[gnu::always_inline]] inline void MixOn(W& a, W& b, W& c) {  // a already less b and c
+  a ^= c >> 43;
   b -= c, b -= a, b ^= a << 9;
   c -= a, c -= b, c ^= b >> 8;
   a -= b, a -= c, a ^= c >> 38;
@@ -27,6 +27,12 @@ template <class W>
   a -= b, a -= c, a ^= c >> 12;
   b -= c, b -= a, b ^= a << 18;
   c -= a, c -= b, c ^= b >> 22;
+}
+
+template <class W>
+[[gnu::always_inline]] inline void Mix(W& a, W& b, W& c) {
+  a -= b, a -= c;
+  MixOn(a, b, c);
 }
 
 uint64_t Word(const uint8_t* block, uint32_t index) {
@@ -99,10 +105,16 @@ uint64_t BlockChecksum(const uint8_t* block) {
   uint64_t b = kSeed;
   uint64_t c = kSeedC;
   for (uint32_t k = 0; k < kWords - 2; k += 3) {
-    a += Word(block, k);
-    if (k + 1 != kChecksumWord) b += Word(block, k + 1);
-    c += Word(block, k + 2);
-    Mix(a, b, c);
+    const uint64_t third = Word(block, k + 2);
+    const uint64_t second = k + 1 != kChecksumWord ? Word(block, k + 1) : 0;
+    // a + first - (b + second) - (c + third), with `c` last: it is what everything waits for, and what does not depend
+    // on it is done meanwhile.
+    uint64_t early = a + Word(block, k) - third - second - b;
+    asm("" : "+r"(early));  // or the sum is put together the other way round
+    a = early - c;
+    b += second;
+    c += third;
+    MixOn(a, b, c);
   }
   c += kWords;  // words, not bytes, on purpose
   a += Word(block, kWords - 2);
