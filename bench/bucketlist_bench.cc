@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <memory>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "kab/indexes.h"
@@ -83,7 +84,7 @@ struct PeerList {
 };
 
 template <class List>
-void Insert(benchmark::State& state, Order order, double target) {
+void Insert(benchmark::State& state, Order order, double target, double bytesTarget = 0) {
   const auto keys = Keys(order, state.range(0));
   size_t bytes = 0;
   for (auto _ : state) {
@@ -101,6 +102,7 @@ void Insert(benchmark::State& state, Order order, double target) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
   state.counters["bytes_per_entry"] = static_cast<double>(bytes) / static_cast<double>(state.range(0));
   state.counters["target"] = target;
+  if (bytesTarget != 0 && std::is_same_v<List, KabList>) state.counters["bytes_target"] = bytesTarget;
 }
 
 template <class List>
@@ -131,9 +133,9 @@ void Scan(benchmark::State& state, Order order, double target) {
   BENCHMARK(BM_##name##_Kab)->Arg(1000000)->Arg(10000000)->Unit(benchmark::kMillisecond);              \
   BENCHMARK(BM_##name##_Peer)->Arg(1000000)->Arg(10000000)->Unit(benchmark::kMillisecond)
 
-KAB_BENCH_PAIR(BucketlistInsertRising, Insert, kRising, 0.40);
+KAB_BENCH_PAIR(BucketlistInsertRising, Insert, kRising, 0.40, 48);
 KAB_BENCH_PAIR(BucketlistInsertMostlyRising, Insert, kMostlyRising, 0.30);
-KAB_BENCH_PAIR(BucketlistInsertRandom, Insert, kRandom, 0.25);
+KAB_BENCH_PAIR(BucketlistInsertRandom, Insert, kRandom, 0.25, 66);
 KAB_BENCH_PAIR(BucketlistScanRising, Scan, kRising, 1.0);
 KAB_BENCH_PAIR(BucketlistScanMostlyRising, Scan, kMostlyRising, 0.5);
 
