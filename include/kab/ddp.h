@@ -198,9 +198,10 @@ KAB_API uint32_t DDPDump(KABDiskCtx *ctx, uint32_t len, uint64_t offset);
  * Writes logical bytes. The new contents go to free units; then they are marked in the bitmap; then the translation
  * map changes over. Interrupted anywhere, every logical block is either old or new.
  *
- * @return 0; 7 without a group; 2 with a line when no free units are left; 9 with a line for a map or bitmap block that
- *         is damaged; 12 for a block beyond the translation map; else as DDPRead or the status of the write. Blocks
- *         before a failure may be new, all others are as they were.
+ * @return 0; 7 without a group; 2 with a line when no free units are left (those of a damaged bitmap block count as in
+ *         use); 9 with a line for a damaged map block or regions that overlap; 12 with a line for a block beyond the
+ *         translation map; else as DDPRead or the status of the write. Blocks before a failure may be new, all others
+ *         are as they were.
  */
 KAB_API uint32_t DDPWrite(KABDiskCtx *ctx, const void *buf, uint32_t len, uint64_t offset);
 

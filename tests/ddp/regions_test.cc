@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 
 #include "ddp/dedup_fixture.h"
+#include "support/fault_shim.h"
 
 namespace {
 
@@ -218,6 +219,13 @@ TEST_F(RegionsTest, BitsFollowThePbn) {
   EXPECT_EQ(log_.Text(), std::string(disks_[0]->uuidText) + ": Error: Failed to write bitmap block 0\n");
   close(disks_[0]->fd);
   disks_[0]->fd = writable;
+
+  // Half a block is no success either.
+  log_.Clear();
+  KabFaultPlan("pwrite@1=short", nullptr);
+  EXPECT_EQ(DDPMarkPBNInBitmap(disks_[0], used, 0), KAB_IO_ERROR);
+  KabFaultPlan(nullptr, nullptr);
+  EXPECT_EQ(log_.Text(), std::string(disks_[0]->uuidText) + ": Error: Failed to write bitmap block 0\n");
 
   log_.Clear();
   uint8_t inUse = 0;

@@ -159,6 +159,18 @@ TEST_F(SuperBlockTest, AConfiguredRatioCountsWithoutRedundantMetadataOnly) {
   }
 }
 
+TEST_F(SuperBlockTest, TheMapsBitmapLeavesRoomForTheLargestRatio) {
+  DedupImage image({.mode = 1, .disks = 1, .ratio = 4});
+  Open(image);
+  disks_[0]->usableSize = uint64_t{1} << 36;  // 2^24 blocks, hence 745655 of the map at a ratio of 10, 16 to a bit
+  uint8_t fixed = 0;
+  EXPECT_EQ(DDPValidateSuperBlk(disks_[0], &fixed), 1U);
+  EXPECT_EQ(Get(Buf() + 220, 8), 2U);
+  Put(Buf() + 251, 1, 0);
+  EXPECT_EQ(DDPValidateSuperBlk(disks_[0], &fixed), 1U);
+  EXPECT_EQ(Get(Buf() + 220, 8), 0U);
+}
+
 TEST_F(SuperBlockTest, ForgedSizesNeitherTrapNorHang) {
   std::mt19937_64 random(5);
   DedupImage image({.mode = 2, .disks = 2});

@@ -154,7 +154,7 @@ TEST_F(DedupWriteTest, CutOffAfterAnyWriteEveryBlockIsOldOrNew) {
       for (size_t disk = 0; disk < whole.size(); ++disk) kab_test::WriteFile(paths_.disks[disk], whole[disk]);
       OpenDisks();
     };
-    for (int round = 0; round < 3; ++round) {
+    for (int round = 0; round < 4; ++round) {
       restore();
       // Across the border of two map blocks, beginning and ending within a block.
       const uint64_t at = (225 - 4) * kBlk + random() % kBlk;
@@ -166,10 +166,14 @@ TEST_F(DedupWriteTest, CutOffAfterAnyWriteEveryBlockIsOldOrNew) {
       Bytes next = old[0];
       std::copy(bytes.begin(), bytes.end(), next.begin() + static_cast<ptrdiff_t>(at - start));
 
+      // From one write on nothing gets through; or that one does by half; or it alone does not.
+      const bool torn = round == 2;
+      const bool once = round == 3;
       uint32_t cuts = 0;
       for (uint32_t cut = 1;; ++cut) {
         restore();
-        const std::string plan = "pwrite@" + std::to_string(cut) + "+=EIO";
+        std::string plan = "pwrite@" + std::to_string(cut) + (torn ? "=short" : once ? "=EIO" : "+=EIO");
+        if (torn) plan += ",pwrite@" + std::to_string(cut + 1) + "+=EIO";
         KabFaultPlan(plan.c_str(), nullptr);
         const uint32_t st = Write(0, at, bytes);
         const unsigned long calls = KabFaultCalls("pwrite");
@@ -182,6 +186,11 @@ TEST_F(DedupWriteTest, CutOffAfterAnyWriteEveryBlockIsOldOrNew) {
           ASSERT_TRUE(isOld || isNew) << "cut " << cut << ", block " << blk / kBlk;
         }
         for (uint32_t disk = 1; disk < shape.disks; ++disk) ASSERT_TRUE(Read(disk, start, span) == old[disk]) << cut;
+        if (torn && calls >= cut) {
+          EXPECT_NE(st, KAB_OK) << cut;
+          ++cuts;
+          continue;
+        }
         CheckMetadata(image);
         if (calls < cut) {
           // Nothing was cut off: the request may have met a full group, but then it said so.
@@ -234,6 +243,17 @@ TEST_F(DedupWriteTest, AFullRegionKeepsTheOldContents) {
   EXPECT_EQ(Write(0, 104 * kBlk, second), KAB_OK) << log_.Text();
   std::copy(second.begin(), second.end(), model.begin() + 104 * kBlk);
   EXPECT_TRUE(Read(0, 0, model.size()) == model);
+  CheckMetadata(image);
+}
+
+TEST_F(DedupWriteTest, TheExpansionOfTheMapIsNeverHandedOut) {
+  DedupImage image({.mode = 1, .disks = 1, .expansion = 20});
+  for (uint64_t i = 40; i < kBlk; ++i) image.Disk(0).Put8(DedupImage::At(image.Place().bmapStart) + i, 0);
+  Open(image);
+  std::mt19937_64 random(2);
+  const Bytes bytes = Contents(random, 60 * kBlk);
+  EXPECT_EQ(Write(0, 0, bytes), KAB_OK);
+  EXPECT_TRUE(Read(0, 0, bytes.size()) == bytes);
   CheckMetadata(image);
 }
 
