@@ -33,7 +33,6 @@ constexpr const char* kDetails =
     "  kab component read --uuid UUID -o component.bin ssd.img disk0.img\n";
 
 constexpr uint64_t kBlock = 4096;
-constexpr uint64_t kSuperblockBlocks = 1024;
 constexpr uint64_t kBlockSpace = uint64_t{1} << 32;  // logical block numbers are 32 bits wide
 constexpr uint32_t kRunsAtOnce = 1 << 20;            // blocks a look-up may hand out
 constexpr uint32_t kReadMode = 1;
