@@ -135,7 +135,9 @@ void TakePlanes(const uint8_t* in, uint32_t count, uint32_t shift, uint32_t plan
   }
   ColumnHead head{};
   // Zigzag moves a difference up by a bit, which the shift takes back.
-  const auto width = [](uint64_t bits) { return bits != 0 ? std::bit_width(bits) - std::countr_zero(bits) : 0; };
+  const auto width = [](uint64_t bits) {
+    return bits != 0 ? static_cast<int>(std::bit_width(bits)) - std::countr_zero(bits) : 0;
+  };
   head.differs = width(differences) <= width(offsets);
   head.base = head.differs != 0 ? values[0] : smallest;
   const uint64_t bits = head.differs != 0 ? differences : offsets;
