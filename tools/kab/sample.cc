@@ -16,7 +16,7 @@
 #include "sample/dedup_image.h"
 #include "sample/group_image.h"
 #include "sample/log_image.h"
-#include "sample/orlo_image.h"
+#include "sample/orlo_group_image.h"
 
 namespace tool {
 namespace {
@@ -120,26 +120,20 @@ void PutEmptyLog(sample::DiskImage& ssd) {
   sample::LogImage(ssd, kLogStart, blocks - 2 * kLogStart).Write(sample::LogChain(1));
 }
 
-// Two components a disk, on disks of both versions, under maps of one to three levels and an empty log. A picture is
-// a component's address space from its superblock on.
+// Components on disks of both versions. A picture is a component's address space from its superblock on.
+template <bool kLogged>
 Made MakeOrlo(const Options& options) {
-  Made made{EmptyGroup(options), {}};
-  for (uint32_t i = 0; i < options.disks; i++) {
-    sample::DiskImage& disk = made.group.Disk(i);
-    if (disk.size() < 64 << 20) throw Failure(Exit::kUsage, "--layout orlo: needs --disk-size 64M or more");
-    sample::OrloImage orlo(disk, i % 2 == 0 ? 7 : 6);
-    for (uint32_t j = 0; j < 2; j++) {
-      const sample::Uuid uuid = sample::MakeUuid(5000 + 10 * i + j);
-      const sample::OrloTreeShape shape = j == 0 ? sample::OrloTreeShape{} : sample::OrloTreeShape{8, 4};
-      std::vector<sample::OrloRun> runs = sample::OrloImage::MakeRuns(60, 16, options.seed * 100 + 10 * i + j);
-      // A superblock has no holes: reading one there fails.
-      std::erase_if(runs, [](const sample::OrloRun& run) { return run.hole && run.logical < 1024; });
-      const uint64_t length = (uint64_t{runs.back().logical} + runs.back().count) * sample::kMapBlock;
-      orlo.AddVdisk(uuid, std::move(runs), shape);
-      made.pictures.emplace_back(sample::UuidText(uuid) + ".picture", orlo.Picture(j, 0, length));
+  sample::OrloGroupImage image({.seed = options.seed,
+                                .disks = options.disks,
+                                .ssdSize = DiskSize("--ssd-size", options.ssdSize),
+                                .diskSize = DiskSize("--disk-size", options.diskSize),
+                                .logged = kLogged});
+  Made made{image.Group(), {}};
+  for (const sample::SampleComponent& component : image.Components()) {
+    if (component.superBlockPresent) {
+      made.pictures.emplace_back(sample::UuidText(component.uuid) + ".picture", component.picture);
     }
   }
-  PutEmptyLog(made.group.Ssd());
   return made;
 }
 
@@ -172,7 +166,8 @@ constexpr Layout kLayouts[] = {
     {"dedup", "a dedup layer over all disks: shared, compressed, plain and zero blocks, and holes", MakeDedup<2>},
     {"compress", "the same, but each disk compressed for itself", MakeDedup<1>},
     {"log", "a PLOG that fills the SSD: writes, zero writes and releases over all disks, with a torn end", MakeLog},
-    {"orlo", "components on Orlo disks of versions 7 and 6, under maps of one to three levels", MakeOrlo},
+    {"orlo", "components on Orlo disks of versions 7 and 6, under maps of one to three levels", MakeOrlo<false>},
+    {"orlo-log", "the same, with a third of their map blocks and data in the write buffer", MakeOrlo<true>},
 };
 
 const Layout& FindLayout(const std::string& name) {
