@@ -24,9 +24,18 @@ struct Options {
 };
 
 Exit Run(Tool& tool, const Options& options) {
-  Findings findings(tool);
+  Findings findings([&tool](const Finding& finding) { PrintFinding(tool, finding); });
   Group group(tool, options.group);
   Check check{tool, findings, group, options.quick};
+  CheckGroup(check);
+  PrintSummary(tool, findings, check.complete);
+  if (findings.Count(Severity::kDamage) != 0) return check.complete ? Exit::kDamage : Exit::kDamageIncomplete;
+  return check.complete ? Exit::kClean : Exit::kDamageIncomplete;
+}
+
+}  // namespace
+
+void CheckGroup(Check& check) {
   CheckMeta(check);
   const bool replayed = CheckLog(check);
   CheckDedup(check);
@@ -35,12 +44,7 @@ Exit Run(Tool& tool, const Options& options) {
   } else {
     check.complete = false;
   }
-  findings.PrintSummary(check.complete);
-  if (findings.Count(Severity::kDamage) != 0) return check.complete ? Exit::kDamage : Exit::kDamageIncomplete;
-  return check.complete ? Exit::kClean : Exit::kDamageIncomplete;
 }
-
-}  // namespace
 
 void AddCheck(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();

@@ -42,5 +42,7 @@ bool CheckLog(Check& check);
 void CheckDedup(Check& check);
 /// Block 0, registry, map trees and component superblocks of Orlo disks; after a replay.
 void CheckOrlo(Check& check);
+/// All of them in order.
+void CheckGroup(Check& check);
 
 }  // namespace tool

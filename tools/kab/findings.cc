@@ -16,14 +16,19 @@ Json Text(const std::string& text) { return text.empty() ? Json(nullptr) : Json(
 
 }  // namespace
 
+const char* SeverityName(Severity severity) { return kSeverityNames[static_cast<size_t>(severity)]; }
+
 void Findings::Add(const Finding& finding) {
-  const auto severity = static_cast<size_t>(finding.severity);
   ++byCode_[finding.code];
-  ++bySeverity_[severity];
-  if (tool_.json) {
+  ++bySeverity_[static_cast<size_t>(finding.severity)];
+  taker_(finding);
+}
+
+void PrintFinding(const Tool& tool, const Finding& finding) {
+  if (tool.json) {
     Json object = Tool::Header("finding");
     object["code"] = finding.code;
-    object["severity"] = kSeverityNames[severity];
+    object["severity"] = SeverityName(finding.severity);
     object["disk"] = finding.disk;
     object["offset"] = finding.offset ? Json(*finding.offset) : Json(nullptr);
     object["expected"] = Text(finding.expected);
@@ -32,8 +37,8 @@ void Findings::Add(const Finding& finding) {
     Tool::PrintJson(object);
     return;
   }
-  if (tool_.quiet && finding.severity == Severity::kInfo) return;
-  std::string line = fmt::format("{:<7} {} {}", kSeverityNames[severity], finding.code, finding.disk);
+  if (tool.quiet && finding.severity == Severity::kInfo) return;
+  std::string line = fmt::format("{:<7} {} {}", SeverityName(finding.severity), finding.code, finding.disk);
   if (finding.offset) line += fmt::format(" at {}", *finding.offset);
   line += ": " + finding.text;
   if (!finding.expected.empty() || !finding.found.empty()) {
@@ -42,23 +47,24 @@ void Findings::Add(const Finding& finding) {
   Tool::Print(line + "\n");
 }
 
-uint64_t Findings::Count(Severity severity) const { return bySeverity_[static_cast<size_t>(severity)]; }
-
-void Findings::PrintSummary(bool complete) const {
-  const uint64_t damage = Count(Severity::kDamage);
+void PrintSummary(const Tool& tool, const Findings& findings, bool complete) {
+  const uint64_t damage = findings.Count(Severity::kDamage);
   const char* verdict = damage != 0 ? "damaged" : complete ? "clean" : "incomplete";
-  if (tool_.json) {
+  if (tool.json) {
     Json object = Tool::Header("check");
     object["verdict"] = verdict;
     object["complete"] = complete;
-    for (size_t i = 0; i < 3; ++i) object[kSeverityNames[i]] = bySeverity_[i];
+    for (const Severity severity : {Severity::kInfo, Severity::kWarning, Severity::kDamage}) {
+      object[SeverityName(severity)] = findings.Count(severity);
+    }
     object["codes"] = Json::object();
-    for (const auto& [code, count] : byCode_) object["codes"][code] = count;
+    for (const auto& [code, count] : findings.ByCode()) object["codes"][code] = count;
     Tool::PrintJson(object);
     return;
   }
-  Tool::Print(fmt::format("{}: {} damage, {} warnings, {} notes{}\n", verdict, damage, Count(Severity::kWarning),
-                          Count(Severity::kInfo), complete ? "" : "; not everything could be checked"));
+  Tool::Print(fmt::format("{}: {} damage, {} warnings, {} notes{}\n", verdict, damage,
+                          findings.Count(Severity::kWarning), findings.Count(Severity::kInfo),
+                          complete ? "" : "; not everything could be checked"));
 }
 
 LineTrap::LineTrap() : former_(kabLogStrm), stream_(open_memstream(&buffer_, &size_)) {

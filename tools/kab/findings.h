@@ -3,9 +3,11 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tool.h"
@@ -13,6 +15,7 @@
 namespace tool {
 
 enum class Severity { kInfo, kWarning, kDamage };
+const char* SeverityName(Severity severity);
 
 struct Finding {
   const char* code;  // stable, for programs: docs/findings.md
@@ -24,21 +27,26 @@ struct Finding {
   std::string text;
 };
 
-/// Takes findings as they come, prints each at once and keeps only counts.
+/// Takes findings as they come, hands each on at once and keeps only counts.
 class Findings {
  public:
-  explicit Findings(Tool& tool) : tool_(tool) {}
+  using Taker = std::function<void(const Finding&)>;
+  explicit Findings(Taker taker) : taker_(std::move(taker)) {}
 
   void Add(const Finding& finding);
-  uint64_t Count(Severity severity) const;
-  /// The last object or line: counts by severity and by code, and the verdict.
-  void PrintSummary(bool complete) const;
+  uint64_t Count(Severity severity) const { return bySeverity_[static_cast<size_t>(severity)]; }
+  const std::map<std::string, uint64_t>& ByCode() const { return byCode_; }
 
  private:
-  Tool& tool_;
+  Taker taker_;
   std::map<std::string, uint64_t> byCode_;
   uint64_t bySeverity_[3] = {};
 };
+
+/// One line or JSON object on stdout.
+void PrintFinding(const Tool& tool, const Finding& finding);
+/// The last object or line: counts by severity and by code, and the verdict.
+void PrintSummary(const Tool& tool, const Findings& findings, bool complete);
 
 /// Takes the library's lines for the length of a scope in place of the log stream.
 class LineTrap {
