@@ -40,15 +40,20 @@ inline Exit Worse(Exit a, Exit b) {
   return rank(a) < rank(b) ? b : a;
 }
 
-inline constexpr const char* kExitTable =
-    "Exit status:\n"
-    "  0  clean\n"
-    "  1  I/O or run-time error, or interrupted\n"
-    "  2  usage\n"
-    "  3  damage found, output complete\n"
-    "  4  damage found, output incomplete\n"
-    "  5  disk in use, or not of this group\n"
-    "  6  dump digest mismatch\n"
-    "  8  out of memory\n";
+struct ExitMeaning {
+  Exit code;
+  const char* text;
+};
+
+inline constexpr ExitMeaning kExitTable[] = {
+    {Exit::kClean, "clean"},
+    {Exit::kError, "I/O or run-time error, or interrupted"},
+    {Exit::kUsage, "usage"},
+    {Exit::kDamage, "damage found, output complete"},
+    {Exit::kDamageIncomplete, "damage found, output incomplete"},
+    {Exit::kNotOurs, "disk in use, or not of this group"},
+    {Exit::kDigest, "dump digest mismatch"},
+    {Exit::kMemory, "out of memory"},
+};
 
 }  // namespace tool

@@ -7,17 +7,35 @@
 #include <new>
 
 #include "commands.h"
+#include "completion.h"
+#include "help_text.h"
 #include "kab/core.h"
+#include "man_page.h"
 #include "tool.h"
 
 namespace tool {
 namespace {
 
+constexpr const char* kDetails =
+    "Looks at the disks of an Arvo disk group while they are offline: one cache SSD with its logs and up to seven\n"
+    "capacity disks, as block devices or image files. The SSD comes first, then the disks. They are opened read-only\n"
+    "unless a command writes by name.\n\n"
+    "Results go to stdout, everything else to stderr. With --json a result is one object, or one a line for streams,\n"
+    "that begins with schema and version. No output is overwritten without --force, and a replaced one stays until "
+    "the\n"
+    "new one is whole.\n\n"
+    "Keys of encrypted disks come from the host's key cache or from the kernel keyring; --key-file goes before "
+    "both.\n\n"
+    "Offsets, lengths and sizes are bytes, also 0x..., or with a unit: K, M, G, T (powers of 1024) or s (sectors of\n"
+    "512).\n\n"
+    "Examples:\n"
+    "  kab sample --disks 2 group\n"
+    "  kab info group/ssd.img group/disk0.img group/disk1.img\n"
+    "  kab check --json group/ssd.img group/disk0.img group/disk1.img\n";
+
 void AddGlobalOptions(CLI::App& app, Tool& tool) {
   app.add_flag("--json", tool.json, "print JSON instead of text: one object, or one a line for streams");
-  app.add_option("--key-file", tool.keyFiles,
-                 "UUID=FILE, a disk's key: 64 bytes or 128 hexadecimal digits; repeatable. Without one the host's key\n"
-                 "cache or keyring is asked")
+  app.add_option("--key-file", tool.keyFiles, "UUID=FILE, a disk's key: 64 bytes or 128 hexadecimal digits; repeatable")
       ->allow_extra_args(false);
   const std::map<std::string, ProgressMode> modes = {
       {"auto", ProgressMode::kAuto}, {"json", ProgressMode::kJson}, {"none", ProgressMode::kNone}};
@@ -26,23 +44,33 @@ void AddGlobalOptions(CLI::App& app, Tool& tool) {
       ->type_name("MODE");
   app.add_flag("-q,--quiet", tool.quiet, "only results and errors");
   app.add_flag("-v,--verbose", tool.verbose, "also the library's progress lines");
-  app.set_version_flag("--version", std::string("kab ") + KAB_TOOL_VERSION);
+  app.set_version_flag("--version", std::string("kab ") + KAB_TOOL_VERSION, "print the version");
+  app.set_help_flag("-h,--help", "print this help");
+}
+
+Exit ShowHelp(const CLI::App& app) {
+  const OptionTable table = ReadTable(app);
+  const std::vector<CLI::App*> chosen = app.get_subcommands();
+  const CommandEntry* command = chosen.empty() ? nullptr : table.Find(chosen[0]->get_name());
+  Tool::Print(HelpText(table, command == nullptr ? table.tool : *command));
+  return Exit::kClean;
 }
 
 int Main(int argc, char** argv) {
   Tool tool;
-  CLI::App app(
-      "Inspects, dumps and restores the disks of an Arvo disk group. Disks are opened read-only unless a "
-      "command writes by name.",
-      "kab");
+  CLI::App app("Inspect, dump and restore the disks of an Arvo disk group", "kab");
   AddGlobalOptions(app, tool);
 #define KAB_ADD_COMMAND(Name) Add##Name(app, tool);
   KAB_COMMANDS(KAB_ADD_COMMAND)
 #undef KAB_ADD_COMMAND
+  AddCompletion(app, tool);  // these two tell of all the others
+  AddManual(app, tool);
   app.require_subcommand(1);
-  app.footer(std::string(kExitTable) + "\nkab COMMAND --help tells more about each.\n");
+  app.footer(kDetails);
   try {
     app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    tool.run = [&app] { return ShowHelp(app); };
   } catch (const CLI::ParseError& error) {
     if (app.get_subcommands().empty() && !app.remaining().empty()) {
       tool.log.Line(fmt::format("kab: {}: no such command or option; kab --help lists them", app.remaining()[0]));

@@ -43,7 +43,7 @@ CLI::App* AddCommand(CLI::App& app, Tool& tool, const std::string& name, const s
                      const std::string& details, std::function<Exit()> run) {
   CLI::App* command = app.add_subcommand(name, summary);
   command->fallthrough();
-  command->footer(details + "\nGlobal options (--json, --key-file and so on: kab --help) may stand here too.\n");
+  command->footer(details);
   command->callback([&tool, run = std::move(run)] { tool.run = run; });
   return command;
 }

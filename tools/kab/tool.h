@@ -49,7 +49,8 @@ struct Tool {
   static Json Header(std::string_view command);
 };
 
-/// Adds a command that takes the global options in any place; `run` is called once the arguments stand.
+/// Adds a command that takes the global options in any place; `run` is called once the arguments stand. option_table.h
+/// tells how `details` are written.
 CLI::App* AddCommand(CLI::App& app, Tool& tool, const std::string& name, const std::string& summary,
                      const std::string& details, std::function<Exit()> run);
 
