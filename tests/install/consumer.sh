@@ -52,9 +52,21 @@ unset PKG_CONFIG_PATH
 cmake -S "$source/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Debug >/dev/null
 cmake --build "$work/examples" >/dev/null
 says "2 disks attached" "$work/examples/group" "${group[@]}"
+"$prefix/bin/kab" -q sample --layout orlo-log "$work/orlo"
+for uuid in $("$prefix/bin/kab" component list --json "$work"/orlo/ssd.img "$work"/orlo/disk?.img |
+  sed -n 's/.*"uuid":"\([-0-9a-f]*\)".*/\1/p'); do
+  says "$uuid" "$work/examples/components" "$work"/orlo/ssd.img "$work"/orlo/disk?.img
+done
+[ -n "$uuid" ] || fail "the sample group has no components"
 says "Successful" "$work/examples/dump_head" "${group[1]}" "$work/head.dump" 4194304
 "$work/examples/group" "${group[0]}" "${group[0]}" >/dev/null 2>&1 && fail "an SSD was taken for a capacity disk"
 "$work/examples/group" "$work/head.dump" >/dev/null 2>&1 && fail "a dump was taken for an SSD"
+
+# The manual pages and completions lie where man and the shells look.
+for file in share/man/man1/kab.1 share/man/man1/kab-dump.1 share/bash-completion/completions/kab \
+  share/zsh/site-functions/_kab share/fish/vendor_completions.d/kab.fish; do
+  [ -s "$prefix/$file" ] || fail "$file was not installed"
+done
 
 # The Python example, with the package and the library that were installed. An interpreter that knows nothing of the
 # sanitizers cannot load a library that was built with them.
