@@ -284,7 +284,7 @@ std::string ZshScript(const OptionTable& table) {
   for (size_t at; (at = globals.find(" \\\n")) != std::string::npos;) globals.erase(at, 2);
   text += globals +
           "  )\n"
-          "  _arguments -C -S $globals ':command:_kab_commands' '*:::argument:->argument' && return\n"
+          "  _arguments -C -S $globals ':command:_kab_commands' '*::argument:->argument' && return\n"
           "  [[ $state == argument ]] || return\n"
           "  curcontext=${curcontext%:*:*}:kab-$words[1]:\n"
           "  case $words[1] in\n";
@@ -336,28 +336,31 @@ function __kab_needs_command
     test (count (__kab_words)) = 0
 end
 
-# Whether the command is $argv[1] and, if $argv[2] is given, that many arguments stand in front of the cursor.
+# Whether the command is $argv[1] and, if more is given, $argv[2] to $argv[3] arguments stand in front of the cursor.
 function __kab_in
     set -l found (__kab_words)
     test "$found[1]" = $argv[1]; or return
-    test (count $argv) = 1; or test (count $found) = (math $argv[2] + 1)
+    test (count $argv) = 1; and return
+    set -l arguments (math (count $found) - 1)
+    test $arguments -ge $argv[2] -a $arguments -le $argv[3]
 end
 
 complete -c kab -f
 )";
 
+// -x and -r take a value; -x alone keeps files out.
 std::string FishOffer(const OptionEntry& option) {
   switch (OfferFor(option)) {
     case Offer::kChoices:
-      return " -a " + Quoted(fmt::format("{}", fmt::join(option.choices, " ")), true);
+      return "-x -a " + Quoted(fmt::format("{}", fmt::join(option.choices, " ")), true);
     case Offer::kFiles:
-      return " -F";
+      return "-r -F";
     case Offer::kFolders:
-      return " -a '(__fish_complete_directories)'";
+      return "-x -a '(__fish_complete_directories)'";
     case Offer::kNothing:
       break;
   }
-  return "";
+  return "-x";
 }
 
 std::string FishScript(const OptionTable& table) {
@@ -377,7 +380,7 @@ std::string FishScript(const OptionTable& table) {
       for (const std::string& name : option.names) {
         text += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
       }
-      if (!option.value.empty()) text += " -r" + FishOffer(option);
+      if (!option.value.empty()) text += " " + FishOffer(option);
       text += " -d " + Quoted(option.summary, true) + '\n';
     }
   };
@@ -390,9 +393,9 @@ std::string FishScript(const OptionTable& table) {
     addOptions(command, fmt::format(" -n '__kab_in {}'", command.name));
     for (size_t i = 0; i < command.arguments.size(); i++) {
       const OptionEntry& argument = command.arguments[i];
-      const std::string number = argument.repeatable ? "" : fmt::format(" {}", i);
-      const std::string offer = FishOffer(argument);
-      if (!offer.empty()) text += fmt::format("complete -c kab -n '__kab_in {}{}'{}\n", command.name, number, offer);
+      if (OfferFor(argument) == Offer::kNothing) continue;
+      text += fmt::format("complete -c kab -n '__kab_in {} {} {}' {}\n", command.name, i, argument.repeatable ? 999 : i,
+                          FishOffer(argument));
     }
   }
   return text;

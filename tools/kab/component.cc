@@ -332,8 +332,8 @@ void AddComponent(CLI::App& app, Tool& tool) {
   command->add_option("ACTION", options->action, "list, info, map or read")
       ->required()
       ->check(CLI::IsMember({"list", "info", "map", "read"}));
-  command->add_option("-u,--uuid", options->uuid, "the component");
-  command->add_option("-o,--output", options->out, "for read: where to write, - for stdout");
+  command->add_option("-u,--uuid", options->uuid, "the component")->type_name("UUID");
+  command->add_option("-o,--output", options->out, "for read: where to write, - for stdout")->type_name("FILE");
   command->add_flag("-f,--force", options->force, "replace an existing output file");
   AddGroupOptions(command, options->group);
 }

@@ -189,7 +189,7 @@ void AddDump(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   CLI::App* command = AddCommand(app, tool, "dump", "Copy ranges of a disk into a dump file", kDetails,
                                  [&tool, options] { return Run(tool, *options); });
-  command->add_option("-o,--output", options->out, "the dump file to make")->required();
+  command->add_option("-o,--output", options->out, "the dump file to make")->type_name("FILE")->required();
   command->add_option("-r,--range", options->ranges, "OFF:LEN, a range to dump; repeatable")->allow_extra_args(false);
   command->add_flag("-f,--force", options->force, "replace an existing dump once the new one is whole");
   AddDiskChoice(command, options->group);

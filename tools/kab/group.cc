@@ -16,9 +16,11 @@ void AddGroupOptions(CLI::App* command, GroupOptions& options) {
 }
 
 void AddDiskChoice(CLI::App* command, GroupOptions& options) {
-  command->add_option("-d,--disk", options.disk,
-                      "which disk: ssd, a slot number, a UUID or a path as given (default: the only DISK, or the SSD "
-                      "when it is alone)");
+  command
+      ->add_option("-d,--disk", options.disk,
+                   "which disk: ssd, a slot number, a UUID or a path as given (default: the only DISK, or the SSD "
+                   "when it is alone)")
+      ->type_name("DISK");
 }
 
 void Group::Close::operator()(KABDiskCtx* ctx) const noexcept {

@@ -111,10 +111,10 @@ std::string Usage(const CommandEntry& command) {
 
 std::string HelpText(const OptionTable& table, const CommandEntry& command) {
   const bool isTool = command.name.empty();
-  std::string text = isTool ? "kab - " : fmt::format("kab {} - ", command.name);
+  std::string text = isTool ? "kab -" : fmt::format("kab {} -", command.name);
   text += Fill(LowerFirst(command.summary), 2, text.size());
   text += "\nUsage:\n  " + Usage(command) + '\n';
-  text += Description(command.description);
+  if (!command.description.empty()) text += "\nDescription:" + Description(command.description);
   if (isTool) {
     text += "\nCommands:\n";
     for (const CommandEntry& each : table.commands) text += TermLine(each.name, LowerFirst(each.summary));

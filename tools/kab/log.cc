@@ -247,7 +247,9 @@ void AddLog(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   CLI::App* command = AddCommand(app, tool, "log", "List the entries of the SSD log", kDetails,
                                  [&tool, options] { return Run(tool, *options); });
-  command->add_option("--only", options->only, "plog or llog")->check(CLI::IsMember({"plog", "llog"}));
+  command->add_option("--only", options->only, "plog or llog")
+      ->type_name("LOG")
+      ->check(CLI::IsMember({"plog", "llog"}));
   AddGroupOptions(command, options->group);
 }
 

@@ -66,7 +66,7 @@ std::string Prose(const std::string& text) {
 
 // Command lines, or a table: shown as typed.
 std::string AsTyped(const std::vector<std::string>& lines) {
-  std::string text = ".PP\n.RS 4\n.nf\n";
+  std::string text = ".RS 4\n.nf\n";
   for (const std::string& line : lines) text += Escape(line, true) + '\n';
   return text + ".fi\n.RE\n";
 }
@@ -99,7 +99,7 @@ std::string Description(const std::vector<Paragraph>& paragraphs) {
         text += Tagged(Bold(item.term), item.text);
       }
     }
-    if (!typed.empty()) text += AsTyped(typed);
+    if (!typed.empty()) text += ".PP\n" + AsTyped(typed);
   }
   return text;
 }

@@ -193,7 +193,7 @@ void AddRead(CLI::App& app, Tool& tool) {
   command->add_option("-r,--range", options->ranges, "OFF:LEN, a range to read; repeatable")
       ->required()
       ->allow_extra_args(false);
-  command->add_option("-o,--output", options->out, "where to write, - for stdout");
+  command->add_option("-o,--output", options->out, "where to write, - for stdout")->type_name("FILE");
   command->add_flag("--hex", options->hex, "a listing for people instead of the bytes");
   command->add_flag("--logical", options->logical, "read through the disk's dedup layer");
   command->add_flag("-f,--force", options->force, "replace an existing output file");

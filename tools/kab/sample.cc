@@ -282,15 +282,19 @@ Exit Run(Tool& tool, const Options& options) {
 void AddSample(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   std::string layouts = "Layouts:\n";
-  for (const Layout& layout : kLayouts) layouts += fmt::format("  {:<8} {}\n", layout.name, layout.summary);
+  for (const Layout& layout : kLayouts) layouts += fmt::format("  {:<8}  {}\n", layout.name, layout.summary);
   CLI::App* command = AddCommand(app, tool, "sample", "Make a sample disk group on image files",
                                  layouts + "\n" + kDetails, [&tool, options] { return Run(tool, *options); });
   command->add_option("FOLDER", options->folder, "where to make it")->required();
-  command->add_option("--layout", options->layout, "what lies on the disks")->capture_default_str();
+  command->add_option("--layout", options->layout, "what lies on the disks")->type_name("NAME")->capture_default_str();
   command->add_option("--disks", options->disks, "capacity disks, 0 to 7")->capture_default_str();
-  command->add_option("--ssd-size", options->ssdSize, "size of the SSD")->capture_default_str();
-  command->add_option("--disk-size", options->diskSize, "size of each capacity disk")->capture_default_str();
-  command->add_option("--encrypt", options->encrypt, "slot of a disk to encipher; repeatable")->allow_extra_args(false);
+  command->add_option("--ssd-size", options->ssdSize, "size of the SSD")->type_name("SIZE")->capture_default_str();
+  command->add_option("--disk-size", options->diskSize, "size of each capacity disk")
+      ->type_name("SIZE")
+      ->capture_default_str();
+  command->add_option("--encrypt", options->encrypt, "slot of a disk to encipher; repeatable")
+      ->type_name("SLOT")
+      ->allow_extra_args(false);
   command->add_option("--seed", options->seed, "what the contents are drawn from")->capture_default_str();
   command->add_flag("--with-clear", options->withClear, "also write diskN.clear.img, an enciphered disk in clear");
   command->add_flag("--with-picture", options->withPicture,
