@@ -118,6 +118,7 @@ std::string HelpText(const OptionTable& table, const CommandEntry& command) {
   if (isTool) {
     text += "\nCommands:\n";
     for (const CommandEntry& each : table.commands) text += TermLine(each.name, LowerFirst(each.summary));
+    text += "\n" + Flowing("kab COMMAND --help tells more about each, as does man kab-COMMAND.");
   }
   text += Options("Arguments", command.arguments);
   text += Options(isTool ? "Global options" : "Options", command.options);
@@ -125,7 +126,6 @@ std::string HelpText(const OptionTable& table, const CommandEntry& command) {
   text += ExitStatus(command);
   if (!command.examples.empty()) text += "\nExamples:\n";
   for (const std::string& example : command.examples) text += "  " + example + '\n';
-  if (isTool) text += "\n" + Flowing("kab COMMAND --help tells more about each, as does man kab-COMMAND.");
   return text;
 }
 
