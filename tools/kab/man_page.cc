@@ -134,6 +134,7 @@ std::string SeeAlso(const OptionTable& table, const CommandEntry& command) {
     add(table.tool);
   } else {
     for (const CommandEntry& each : table.commands) add(each);
+    text += ",\n.BR kab\\-dump (5)";
   }
   return Heading("SEE ALSO") + text + '\n';
 }
@@ -157,7 +158,7 @@ std::string ManPage(const OptionTable& table, const CommandEntry& command) {
   text += Options("ARGUMENTS", command.arguments);
   text += Options(isTool ? "GLOBAL OPTIONS" : "OPTIONS", command.options);
   text += ".PP\n";
-  text += isTool ? Prose("They may stand before the command or behind it.")
+  text += isTool ? Prose("Global options may stand before the command or behind it.")
                  : ".RB \"Global options (\" \\-\\-json \", \" \\-\\-key\\-file \" and so on:\"\n.BR kab (1))\nmay "
                    "stand here too.\n";
   text += ExitStatus(command);
