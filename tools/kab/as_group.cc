@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "dedup_area.h"
 #include "kab/indexes.h"
 #include "kab/ssdlog.h"
 
@@ -15,8 +16,6 @@ constexpr uint64_t kZeroFirst = 0xFFFFFEFFFF5FF;
 constexpr uint64_t kZeroEnd = 0xFFFFFFFFFF5FF;
 constexpr uint32_t kDevIdxShift = 50;
 constexpr size_t kWriteBufferStartAt = 20;
-
-uint32_t DedupMode(const KABDiskCtx& disk) { return disk.meta[8] == 11 ? 0 : disk.meta[11] >> 2U & 3U; }
 
 // The reserved range of block numbers that stands for data written as zeros; the arithmetic wraps on purpose.
 bool IsZeroWrite(const KABDiskCtx& ssd, uint64_t address, uint64_t length) {

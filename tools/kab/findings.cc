@@ -41,9 +41,7 @@ void PrintFinding(const Tool& tool, const Finding& finding) {
   std::string line = fmt::format("{:<7} {} {}", SeverityName(finding.severity), finding.code, finding.disk);
   if (finding.offset) line += fmt::format(" at {}", *finding.offset);
   line += ": " + finding.text;
-  if (!finding.expected.empty() || !finding.found.empty()) {
-    line += fmt::format(" (expected {}, found {})", finding.expected, finding.found);
-  }
+  if (!finding.expected.empty()) line += fmt::format(" (expected {}, found {})", finding.expected, finding.found);
   Tool::Print(line + "\n");
 }
 
@@ -90,6 +88,12 @@ std::vector<std::string> LineTrap::Take(const std::string& disk) {
     lines.push_back(line);
   }
   return lines;
+}
+
+std::string LineTrap::TakeReason(const std::string& disk) {
+  std::string reason;
+  for (const std::string& line : Take(disk)) reason += (reason.empty() ? ": " : "; ") + line;
+  return reason;
 }
 
 }  // namespace tool

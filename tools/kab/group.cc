@@ -26,8 +26,8 @@ void Group::Close::operator()(KABDiskCtx* ctx) const noexcept {
 }
 
 Group::Opened Group::Open(Tool& tool, const std::string& path, bool isSsd) {
-  RequireFileOrDevice(path);
   tool.log.Forget();
+  RequireFileOrDevice(path);
   const uint8_t skip = options_.skipUnmountCheck ? 1 : 0;
   Opened disk(isSsd ? KABOpenSSD(path.c_str(), O_RDONLY, skip) : KABOpenDisk(path.c_str(), O_RDONLY, ssd_.get(), skip));
   if (disk != nullptr) return disk;
@@ -35,10 +35,18 @@ Group::Opened Group::Open(Tool& tool, const std::string& path, bool isSsd) {
   throw Failure(code, fmt::format("cannot open {}", path));
 }
 
-Group::Group(Tool& tool, const GroupOptions& options) : options_(options), keys_(tool.keyFiles) {
+Group::Group(Tool& tool, const GroupOptions& options, const TakeRefusal& takeRefusal)
+    : options_(options), keys_(tool.keyFiles) {
   ssd_ = Open(tool, options.ssd, true);
   for (const std::string& path : options.disks) {
-    owned_.push_back(Open(tool, path, false));
+    try {
+      owned_.push_back(Open(tool, path, false));
+    } catch (const Failure& failure) {
+      if (!takeRefusal || failure.code() == Exit::kMemory) throw;
+      const std::string& line = tool.log.lastError();
+      takeRefusal({path, line.empty() ? failure.what() : line, failure.code()});
+      continue;
+    }
     disks_.push_back(owned_.back().get());
   }
 }

@@ -2,6 +2,7 @@
 // Opening the disks that the arguments name, and choosing one of them.
 
 #include <CLI/CLI.hpp>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,11 +31,22 @@ void AddGroupOptions(CLI::App* command, GroupOptions& options);
 /// --disk.
 void AddDiskChoice(CLI::App* command, GroupOptions& options);
 
+/// A capacity disk that does not open.
+struct Refusal {
+  std::string path;
+  std::string reason;
+  Exit code;
+};
+
 /// The opened group; closed in order at the end. `options` must outlive it, since contexts borrow their paths.
 class Group {
  public:
-  /// Opens everything read-only, or throws a Failure.
-  Group(Tool& tool, const GroupOptions& options);
+  /// What becomes of a capacity disk that does not open.
+  using TakeRefusal = std::function<void(const Refusal&)>;
+
+  /// Opens everything read-only. Throws a Failure for what does not open, except for capacity disks that
+  /// `takeRefusal` takes: the group goes on without them.
+  Group(Tool& tool, const GroupOptions& options, const TakeRefusal& takeRefusal = {});
 
   KABDiskCtx* ssd() { return ssd_.get(); }
   /// In the order of the arguments; some may be attached to no slot (type 11).

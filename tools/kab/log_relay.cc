@@ -49,6 +49,7 @@ void LogRelay::Forget() {
   std::fflush(stream_);
   refusedDisk_ = outOfMemory_ = hashMismatch_ = inputFailed_ = false;
   metaErrors_ = 0;
+  lastError_.clear();
 }
 
 void LogRelay::Take(std::string_view text) {
@@ -73,6 +74,7 @@ void LogRelay::TakeLine(std::string_view line) {
   if (Has(line, "Total Hash mismatch for dump")) hashMismatch_ = true;
   if (Has(line, "Failed to populate input for decompress")) inputFailed_ = true;
   if (Has(line, "MetaError:")) metaErrors_++;
+  if (Has(line, "Error:")) lastError_ = line;
 
   const bool chatter = Has(line, "Extracting chunk number");
   if (chatter && !all_) return;

@@ -34,6 +34,7 @@ class LogRelay {
   bool hashMismatch() const { return hashMismatch_; }
   bool inputFailed() const { return inputFailed_; }  // a dump file that could not be read
   uint64_t metaErrors() const { return metaErrors_; }
+  const std::string& lastError() const { return lastError_; }  // the last line that tells of an error
   void Forget();
 
  private:
@@ -50,6 +51,7 @@ class LogRelay {
   bool hashMismatch_ = false;
   bool inputFailed_ = false;
   uint64_t metaErrors_ = 0;
+  std::string lastError_;
 };
 
 }  // namespace tool
