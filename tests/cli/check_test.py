@@ -11,6 +11,7 @@ import unittest
 
 FAIL_READS = os.path.abspath(sys.argv.pop(2))
 
+import json_lines  # noqa: E402
 from group_test import DATA, GroupCase, read_file  # noqa: E402  takes KAB from the arguments
 
 BLOCK = 4096
@@ -487,21 +488,24 @@ class Log(CheckCase):
 
     def test_llog(self):
         """A chain of one block beside the PLOG's."""
-        def llog(log_type):
+        def llog(log_type, spoil=None):
             block = self.last + 60
             self.ssd.write(self.at(block), self.ssd.read(self.at(self.last), BLOCK))
             self.ssd.put(self.at(block) + 13, log_type, "<B")
             self.ssd.put(self.at(block) + 16, block + 1)
+            if spoil is not None:
+                self.ssd.put(self.at(block) + spoil, 5000, "<I")
             self.seal(block)
             for at, value in (36, block), (44, block), (52, 1):
                 self.ssd.put(DATA + at, value)
             self.seal_record(0)
-            return [finding["code"] for finding in self.check(code=0 if log_type == 2 else 3)[:-1]]
+            told = {finding["code"] for finding in self.check(code=3 if log_type == 1 or spoil else 0)[:-1]}
+            self.ssd.restore()
+            return told - {"LOG-END"}
 
-        self.assertIn("LLOG-NOT-REPLAYED", llog(2))
-        self.ssd.restore()
-        self.assertIn("LOG-BLOCK", llog(1))
-        self.ssd.restore()
+        self.assertEqual(llog(2), {"LLOG-NOT-REPLAYED"})
+        self.assertEqual(llog(1), {"LOG-BLOCK", "LLOG-NOT-REPLAYED"})
+        self.assertEqual(llog(2, 64 + 20), {"LOG-ENTRY-LENGTH", "LLOG-BROKEN"})
 
     def test_what_cannot_be_read(self):
         for fail, wanted in ((DATA + BLOCK, {"CPR-UNREADABLE", "CPR-NONE"}),
@@ -654,6 +658,72 @@ class Metadata(CheckCase):
         self.assert_tells(disk_twice, ["META-SLOT-TWICE", "META-DISK-MISSING"], 4)
         self.disks[0].put(self.META + 468, 19, "<B")
         self.assertEqual(self.check()[-1]["codes"]["META-VERSION-DIFFERS"], 1)
+        self.disks[0].restore()
+        uuid = self.disks[0].read(self.META + 12, 16)
+        self.disks[0].write(self.META + 8, bytes([11, 1]) + uuid)  # another layout: state and UUID lie elsewhere
+        codes = self.check(code=4)[-1]["codes"]
+        self.assertEqual((codes["META-DISK-APART"], codes["META-DISK-MISSING"]), (1, 1))
+
+
+class Golden(GroupCase):
+    """Whole outputs, of groups as they are made and with some damage of each kind; KAB_UPDATE_GOLDEN writes them anew."""
+
+    sample = ["--layout", "dedup", "--disks", "1"]
+    GROUPS = {
+        "log": ["--layout", "log", "--disks", "2", "--ssd-size", "16M"],
+        "dedup": ["--layout", "dedup", "--disks", "2", "--seed", "4"],
+        "orlo": ["--layout", "orlo-log", "--disks", "2", "--seed", "3"]}
+
+    @staticmethod
+    def spoil_log(disks):
+        ssd = disks[0]
+        last = ssd.word(DATA + 68)
+        ssd.flip(DATA + 20)  # the newer checkpoint record's write buffer
+        content = bytearray(ssd.read(DATA + last * BLOCK, BLOCK))
+        content[13] = 9
+        content[64:80] = bytes(16)
+        content[56:64] = struct.pack("<Q", block_checksum(bytes(content)))
+        ssd.write(DATA + last * BLOCK, bytes(content))
+
+    @staticmethod
+    def spoil_dedup(disks):
+        disk = disks[2]
+        record = next(disk.records())
+        disks[1 + record[1]].put_bit(record[2], 0)
+        disk.put_bit(disk.units - 1, 1)
+        disk.flip(disk.at(disk.hmap + 1) + 2000)
+        disk.flip(disk.at(disk.hmap + disk.hmap_size) + 200)
+
+    @staticmethod
+    def spoil_orlo(disks):
+        registry = DATA + disks[1].word(DATA + 48)
+        disks[1].put(registry + 16, 1 << 40)
+        disks[2].put(DATA + 4, 9, "<I")
+
+    def test_outputs(self):
+        for group, options in self.GROUPS.items():
+            self.kab("sample", *options, group)
+            paths = [f"{group}/ssd.img", f"{group}/disk0.img", f"{group}/disk1.img"]
+            self.compare(f"info_{group}", 0, "info", "--scan", *paths)
+            self.compare(f"check_{group}", 0, "check", *paths)
+            disks = [(DedupDisk if group == "dedup" and number else Image)(f"{self.work}/{path}")
+                     for number, path in enumerate(paths)]
+            getattr(self, f"spoil_{group}")(disks)
+            for disk in disks:
+                disk.file.close()
+            self.compare(f"check_{group}_spoilt", {"log": 3, "dedup": 4, "orlo": 4}[group], "check", *paths)
+
+    def compare(self, name, code, *arguments):
+        folder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "golden")
+        for form, ending in ([], "txt"), (["--json"], "json"):
+            path = os.path.join(folder, f"{name}.{ending}")
+            output = self.kab(*form, *arguments, code=code)
+            if form:
+                json_lines.parse(output)
+            if "KAB_UPDATE_GOLDEN" in os.environ:
+                with open(path, "wb") as file:
+                    file.write(output)
+            self.assertEqual(output.decode(), read_file(path).decode(), name)
 
 
 class Document(unittest.TestCase):
@@ -664,6 +734,7 @@ class Document(unittest.TestCase):
                   for code in pattern.findall(read_file(f"{root}/tools/kab/{name}").decode())}
         document = pattern.findall(read_file(f"{root}/docs/findings.md").decode())
         self.assertEqual(sorted(source), sorted(document))  # once each
+        self.assertEqual(source - set(pattern.findall(read_file(os.path.abspath(__file__)).decode())), set())
 
 
 if __name__ == "__main__":
