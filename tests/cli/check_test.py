@@ -277,6 +277,12 @@ class Dedup(CheckCase):
         def superblock_copy():
             disk = self.disks[2]
             disk.flip(disk.at(disk.hmap + disk.hmap_size) + 80, 16)
+            return disk.at(disk.hmap + disk.hmap_size)
+
+        def start_in_the_superblock_copy():
+            disk = self.disks[2]
+            disk.flip(disk.at(disk.hmap + disk.hmap_size) + 200)
+            return disk.at(disk.hmap + disk.hmap_size) + 200
 
         def copy_of_the_bitmap():
             disk = self.disks[0]
@@ -296,6 +302,7 @@ class Dedup(CheckCase):
         self.assert_tells(superblock_checksum, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 3)
         self.assert_tells(superblock_magic, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 4)
         self.assert_tells(superblock_copy, ["DDP-SUPERBLOCK-COPY"], 0)
+        self.assert_tells(start_in_the_superblock_copy, ["DDP-SUPERBLOCK-COPY"], 0)
         self.assert_tells(copy_of_the_bitmap, ["DDP-COPY"], 0)
         for block, code in (1, 3), (disk.bmap, 4), (disk.hmap, 4), (disk.xmap, 4):
             for at in 0, 4, 20, 28:

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "check.h"
@@ -40,6 +41,21 @@ void CheckChecksum(Check& check, KABDiskCtx* disk, const uint8_t* stored) {
                fmt::format("{:#010x}", computed), fmt::format("{:#010x}", saved));
 }
 
+void CheckSuperblockCopy(Check& check, KABDiskCtx* disk, LineTrap& trap) {
+  const uint8_t* primary = disk->dedupCtx.superBlk;
+  uint8_t copy[kDedupBlock];
+  uint64_t at = 0;
+  const bool readable = DDPReadSecSuperBlk(disk, copy, &at) == KAB_OK;
+  trap.Take(disk->uuidText);
+  DDPCompareSuperBlks(disk);
+  const std::vector<std::string> lines = trap.Take(disk->uuidText);
+  for (const std::string& line : lines) check.Warn("DDP-SUPERBLOCK-COPY", *disk, at, line);
+  // The library compares what it uses; a copy is one to the last byte.
+  if (!lines.empty() || !readable || std::memcmp(primary, copy, sizeof copy) == 0) return;
+  const auto differs = static_cast<uint64_t>(std::mismatch(copy, copy + sizeof copy, primary).first - copy);
+  check.Warn("DDP-SUPERBLOCK-COPY", *disk, at + differs, "the second copy of the superblock differs");
+}
+
 }  // namespace
 
 uint32_t DedupChecksum(const uint8_t* block) {
@@ -54,8 +70,7 @@ bool CheckSuperblock(Check& check, KABDiskCtx* disk, bool wholeGroup) {
   uint8_t stored[kDedupBlock];
   std::memcpy(stored, disk->dedupCtx.superBlk, sizeof stored);
   // Against the copy first: validation corrects the superblock in memory.
-  if (DedupArea(disk).redundant()) DDPCompareSuperBlks(disk);
-  for (std::string& line : trap.Take(disk->uuidText)) check.Warn("DDP-SUPERBLOCK-COPY", *disk, std::move(line));
+  if (DedupArea(disk).redundant()) CheckSuperblockCopy(check, disk, trap);
 
   if (!wholeGroup) {
     // The size of the hash map is a share of all members' blocks: without them the rules would condemn what is right.
