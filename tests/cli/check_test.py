@@ -6,13 +6,14 @@
 import os
 import re
 import struct
+import subprocess
 import sys
 import unittest
 
 FAIL_READS = os.path.abspath(sys.argv.pop(2))
 
 import json_lines  # noqa: E402
-from group_test import DATA, GroupCase, read_file  # noqa: E402  takes KAB from the arguments
+from group_test import DATA, KAB, GroupCase, read_file  # noqa: E402  takes KAB from the arguments
 
 BLOCK = 4096
 UNIT = 2048
@@ -328,6 +329,40 @@ class Dedup(CheckCase):
         findings = self.check_failing(disk.at(disk.xmap + 1))[:-1]
         lost = [finding for finding in findings if finding["code"] == "DDP-UNREADABLE"]
         self.assertEqual([finding["offset"] for finding in lost], [disk.at(disk.xmap + 1)] * 3)  # one a disk
+
+
+class LargeDedup(CheckCase):
+    """Bitmaps of three blocks, the last one behind the units: the windows of little memory are three, too."""
+
+    sample = ["--layout", "dedup", "--disks", "2", "--seed", "7", "--disk-size", "131M"]
+    disk_class = DedupDisk
+
+    def test_every_window_and_block_is_looked_at(self):
+        disk = self.disks[1]
+        self.assertEqual(self.disks[0].xmap - self.disks[0].bmap, 3)
+        units = 0, 32447, 32448, disk.units - 1
+
+        def in_use_but_unreferenced():
+            for unit in units[1:]:
+                disk.put_bit(unit, 1)
+            return DATA + (units[1] + 2 * disk.data) * UNIT
+
+        def block_behind_the_units():
+            disk.flip(disk.at(disk.bmap + 2) + 4000)
+            return disk.at(disk.bmap + 2) + 16
+
+        for options in [], ["--memory", "1"]:
+            self.assert_tells(in_use_but_unreferenced, ["DDP-UNIT-UNREFERENCED"], 0, *options)
+            self.assert_tells(block_behind_the_units, ["DDP-BLOCK-HEADER", "DDP-COPY"], 4, *options)
+
+    def test_the_progress_ends_at_its_end(self):
+        for options in [], ["--memory", "1"], ["--quick"]:
+            result = subprocess.run([KAB, "check", "--progress=json", *options, *self.paths()], stdout=subprocess.DEVNULL,
+                                    stderr=subprocess.PIPE, check=True)
+            ends = [line for line in json_lines.parse(result.stderr) if line["finished"]]
+            self.assertEqual([line["task"] for line in ends], ["check log"] + ([] if "--quick" in options else ["check dedup"]))
+            for line in ends:
+                self.assertEqual(line["done"], line["total"] or 0)
 
 
 class Compressed(CheckCase):

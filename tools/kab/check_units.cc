@@ -256,7 +256,9 @@ class UnitCheck {
     for (const DedupRegion& region : area.regions()) {
       if (region.type != DDP_BLK_BITMAP) continue;
       const uint64_t first = std::min(start_ / kBitsPerBitmapBlock, region.size);
-      const uint64_t end = std::min((start_ + window_) / kBitsPerBitmapBlock, region.size);
+      // The last window takes the blocks along whose bits lie behind the last unit.
+      const bool last = start_ + window_ >= end_;
+      const uint64_t end = last ? region.size : std::min((start_ + window_) / kBitsPerBitmapBlock, region.size);
       if (!area.Fits(region)) continue;
       ForEachBlock(area, region, first, end, true, [&](const DedupBlock& block) {
         progress_.Add(kDedupBlock);
