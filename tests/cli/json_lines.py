@@ -10,9 +10,12 @@ FOLDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "d
 def load():
     validators = {}
     for name in os.listdir(FOLDER):
+        if not name.endswith(".json"):
+            continue
         with open(os.path.join(FOLDER, name), encoding="utf-8") as file:
             schema = json.load(file)
         jsonschema.Draft202012Validator.check_schema(schema)
+        assert schema["title"].replace(" ", "-") == "kab." + name[:-len(".json")], name
         validators[schema["title"]] = jsonschema.Draft202012Validator(schema)
     return validators
 
@@ -21,12 +24,12 @@ VALIDATORS = load()
 
 
 def parse(output):
-    """The objects of an output. A line without a schema of its own follows the header in front of it."""
-    objects = []
-    name = None
-    for line in output.splitlines():
-        value = json.loads(line)
+    """The objects of an output. A line without a schema of its own is of the header's in front of it, or of that behind
+    it where nothing is in front."""
+    objects = [json.loads(line) for line in output.splitlines()]
+    names = [value["schema"] for value in objects if "schema" in value]
+    name = names[0] if names else None
+    for value in objects:
         name = value.get("schema", name)
         VALIDATORS[name].validate(value)
-        objects.append(value)
     return objects
