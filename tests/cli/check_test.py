@@ -633,6 +633,11 @@ class Orlo(CheckCase):
                 (node_that_returns_to_its_root, ["ORLO-MAP-TWICE"], 4), (node_behind_the_disk, ["ORLO-MAP-BOUNDS"], 4)):
             self.assert_tells(spoil, wanted, code)
 
+    def test_too_little_memory_for_a_walk(self):
+        told = [finding["code"] for finding in self.check("--memory", "100", code=4)[:-1]]
+        self.assertEqual(told.count("ORLO-MAP-SKIPPED"), 2)
+        self.check("--memory", "1K")
+
     def test_heads(self):
         disk = self.disk
         registry = DATA + disk.word(DATA + 48)

@@ -46,7 +46,7 @@ MapCheck::MapCheck(Check& check, KABDiskCtx* disk)
       disk_(disk),
       version6_(disk->meta[468] == 6),
       blocks_(disk->usableSize / kBlock),
-      taken_(check.quick ? 0 : blocks_) {}
+      taken_(check.quick || blocks_ / 8 > check.memory ? 0 : blocks_) {}
 
 uint64_t MapCheck::ByteOffset(uint64_t block) const { return disk_->dataOffset + (block & kBlockMask) * kBlock; }
 

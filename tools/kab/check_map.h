@@ -11,12 +11,15 @@ namespace tool {
 
 class MapCheck {
  public:
-  /// One bit for each block of the disk, unless the check is a quick one.
+  /// Takes one bit for each block of the disk, unless the check is a quick one or that is more than it may take.
   MapCheck(Check& check, KABDiskCtx* disk);
+
+  /// Whether trees can be walked.
+  bool walks() const { return !taken_.empty(); }
 
   /// Blocks that hold something else; what lies behind the disk is left out.
   void Reserve(uint64_t block, uint64_t count);
-  /// Walks the tree of a component. Not for a quick check.
+  /// Walks the tree of a component; only when walks().
   void CheckTree(const Vdisk& vdisk);
 
   /// Of a block of the data area.

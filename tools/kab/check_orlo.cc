@@ -47,7 +47,12 @@ class DiskCheck {
       check_.Warn("ORLO-REGISTRY-SHORT", *disk_, disk_->dataOffset + registry.offset,
                   fmt::format("the registry says {} bytes, {} are there", registry.stated, registry.length));
     }
-    if (!check_.quick) {
+    if (!check_.quick && !map_.walks()) {
+      check_.Warn("ORLO-MAP-SKIPPED", *disk_,
+                  "the map trees are not walked: that takes a bit of memory for each block");
+      check_.complete = false;
+    }
+    if (map_.walks()) {
       map_.Reserve(0, 1);
       map_.Reserve(registry.offset / kBlock, (registry.offset % kBlock + registry.length + kBlock - 1) / kBlock);
     }
@@ -71,7 +76,7 @@ class DiskCheck {
 
  private:
   void CheckVdisk(const Vdisk& vdisk, LineTrap& trap) {
-    if (!check_.quick) map_.CheckTree(vdisk);
+    if (map_.walks()) map_.CheckTree(vdisk);
     superblock_.resize(ORLO_SUPERBLOCK_SIZE);
     if (OrloReadWriteComponentSuperBlock(disk_, vdisk.mapBlock, superblock_.data(), 1) != KAB_OK ||
         KABIsZOLTCompSblkValid(superblock_.data()) == 0) {
