@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Spoils sample groups with bare offsets, one thing at a time, and wants kab check to tell just that.
 
-  check_test.py KAB FAIL_READS_LIBRARY [unittest arguments]
+  check_test.py KAB FAIL_READS_LIBRARY DEDUP_SHAPE [unittest arguments]
 """
 import os
 import re
@@ -11,6 +11,7 @@ import sys
 import unittest
 
 FAIL_READS = os.path.abspath(sys.argv.pop(2))
+DEDUP_SHAPE = os.path.abspath(sys.argv.pop(2))
 
 import json_lines  # noqa: E402
 from group_test import DATA, KAB, GroupCase, read_file  # noqa: E402  takes KAB from the arguments
@@ -363,6 +364,52 @@ class LargeDedup(CheckCase):
             self.assertEqual([line["task"] for line in ends], ["check log"] + ([] if "--quick" in options else ["check dedup"]))
             for line in ends:
                 self.assertEqual(line["done"], line["total"] or 0)
+
+
+class DedupShapes(CheckCase):
+    """Layouts with and without second copies, map bitmaps, a hash map, an expansion of the translation map."""
+
+    sample = ["--layout", "dedup", "--disks", "3"]
+    disk_class = DedupDisk
+
+    def test_each_is_clean_and_its_damage_told(self):
+        for mode, copies, map_bitmaps, hash_map, expansion in (
+                (2, 1, 1, 1, 5), (2, 1, 0, 1, 3), (2, 0, 0, 1, 0), (2, 1, 1, 0, 2), (1, 1, 1, 1, 4), (1, 0, 0, 0, 0)):
+            shape = [str(part) for part in (mode, copies, map_bitmaps, hash_map, expansion)]
+            folder = f"{self.work}/group"
+            subprocess.run([DEDUP_SHAPE, folder, *shape], check=True)
+            self.assertEqual(self.check()[-1]["codes"], {"LOG-END": 2}, shape)
+            for image in self.disks:
+                image.file.close()
+            self.disks = [DedupDisk(path) for path in self.paths(folder)[1:]]
+            disk = self.disks[1]
+            written = disk.data + expansion - 1  # the expansion's last block; the copy of all follows
+
+            def last_block_of_the_map_free():
+                index = 4 * ((16 << 20) - DATA - 16896 >> 12) // 225
+                block = written if expansion else disk.xmap + index
+                unit = (disk.word(disk.at(block) + 46 + 224 * 18 + 8) >> 8 & NO_UNIT) - disk.data
+                disk.put_bit(unit, 0) if copies else self.put_bit_alone(disk, unit)
+                return DATA + (unit + 2 * disk.data) * UNIT
+
+            def expansion_spoilt():
+                disk.flip(disk.at(written) + 900)
+                return disk.at(written) + 16
+
+            def copy_of_the_expansion_spoilt():
+                disk.flip(disk.at(written + expansion) + 900)
+                return disk.at(written + expansion)
+
+            self.assert_tells(last_block_of_the_map_free, ["DDP-UNIT-FREE"], 3)
+            if expansion != 0:
+                self.assert_tells(expansion_spoilt, ["DDP-BLOCK-HEADER", "DDP-COPY"], 4)
+                self.assert_tells(copy_of_the_expansion_spoilt, ["DDP-COPY"], 0)
+
+    @staticmethod
+    def put_bit_alone(disk, unit):
+        at = disk.at(disk.bmap) + 40 + unit // 8
+        disk.write(at, bytes([disk.read(at, 1)[0] & ~(1 << unit % 8)]))
+        disk.seal(disk.bmap, copies=False)
 
 
 class Compressed(CheckCase):
