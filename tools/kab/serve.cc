@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 
@@ -173,7 +174,8 @@ class TakenSignals {
   TakenSignals& operator=(const TakenSignals&) = delete;
 
   void Restore() const { sigprocmask(SIG_SETMASK, &old_, nullptr); }
-  int Next() const { return sigwaitinfo(&set_, nullptr); }
+  /// The next one; -1 when none comes in time.
+  int Next(const timespec* atMost) const { return sigtimedwait(&set_, nullptr, atMost); }
 
  private:
   sigset_t set_;
@@ -182,6 +184,8 @@ class TakenSignals {
 
 /// Serves until a signal or until nbdkit ends by itself, which is a failure.
 void Serve(std::vector<std::string> command, const Listener& listener) {
+  // nbdkit waits for clients to leave, which may be never. There is nothing to lose: it only reads.
+  constexpr timespec kGrace = {1, 0};
   const TakenSignals signals;
   StopIfInterrupted();
   const pid_t child = fork();
@@ -192,12 +196,13 @@ void Serve(std::vector<std::string> command, const Listener& listener) {
   }
   bool stopped = false;
   int status = 0;
-  for (;;) {
-    const int number = signals.Next();
-    if (number == SIGCHLD && waitpid(child, &status, WNOHANG) == child) break;
+  while (waitpid(child, &status, WNOHANG) != child) {
+    const int number = signals.Next(stopped ? &kGrace : nullptr);
     if (number == SIGINT || number == SIGTERM) {
       stopped = true;
       kill(child, SIGTERM);
+    } else if (number < 0 && errno == EAGAIN) {
+      kill(child, SIGKILL);
     }
   }
   if (stopped || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) return;
