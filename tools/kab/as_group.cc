@@ -1,7 +1,5 @@
 #include "as_group.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -25,15 +23,6 @@ bool IsZeroWrite(const KABDiskCtx& ssd, uint64_t address, uint64_t length) {
 }
 
 }  // namespace
-
-void ReplayLog(Group& group) {
-  KABDiskCtx* ssd = group.ssd();
-  uint32_t status = KABSSDLOGGetValidCheckPointRecord(ssd);
-  if (status == KAB_OK) status = KABSSDLOGRecovPlogLog(ssd);
-  if (status != KAB_OK) {
-    throw Failure(ExitOfStatus(status), fmt::format("the log cannot be replayed: {}", KABErrorStr(status)));
-  }
-}
 
 void ForEachSource(const KABDiskCtx& disk, const Range& range, const std::function<void(const Piece&)>& take) {
   const uint32_t mode = DedupMode(disk);

@@ -4,6 +4,7 @@
 
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 namespace tool {
 namespace {
@@ -12,7 +13,7 @@ bool Has(std::string_view line, std::string_view part) { return line.find(part) 
 
 }  // namespace
 
-LogRelay::LogRelay() {
+LogRelay::LogRelay(Taker taker) : taker_(std::move(taker)) {
   cookie_io_functions_t functions = {};
   functions.write = [](void* cookie, const char* text, size_t size) -> ssize_t {
     try {
@@ -32,6 +33,10 @@ LogRelay::~LogRelay() {
 }
 
 void LogRelay::Line(std::string_view line) {
+  if (taker_) {
+    taker_(std::string(line));
+    return;
+  }
   const std::string bar = bar_;
   Bar({});
   std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
