@@ -5,7 +5,6 @@
 With KAB_UPDATE_GOLDEN set, the golden files are written anew instead of compared.
 """
 import hashlib
-import json
 import os
 import resource
 import shutil
@@ -17,6 +16,8 @@ import tempfile
 import time
 import unittest
 import zlib
+
+import json_lines
 
 KAB = os.path.abspath(sys.argv.pop(1))
 FAIL_READS = os.path.abspath(sys.argv.pop(1))
@@ -80,7 +81,7 @@ class Cli(unittest.TestCase):
         return result.stdout, error
 
     def json(self, *arguments, code=0):
-        return [json.loads(line) for line in self.kab("--json", *arguments, code=code)[0].splitlines()]
+        return json_lines.parse(self.kab("--json", *arguments, code=code)[0])
 
     def golden(self, name, text):
         path = os.path.join(GOLDEN, name)
@@ -435,7 +436,7 @@ class Cli(unittest.TestCase):
         """Starts the tool, waits for its first sign of progress, and sends SIGINT."""
         process = subprocess.Popen([KAB, "--progress=json", *arguments], cwd=self.work, stdout=subprocess.DEVNULL,
                                    stderr=subprocess.PIPE)
-        line = json.loads(process.stderr.readline())
+        line = json_lines.parse(process.stderr.readline())[0]
         self.assertEqual((line["schema"], line["finished"]), ("kab.progress", False))
         process.send_signal(signal.SIGINT)
         error = process.stderr.read().decode()
@@ -457,7 +458,7 @@ class Cli(unittest.TestCase):
 
     def test_progress(self):
         error = self.kab("--progress=json", "dump", "-o", "d", "-r", "3M:1M", *self.disks[:2])[1]
-        last = json.loads(error.splitlines()[-1])
+        last = json_lines.parse(error.splitlines()[-1])[0]
         self.assertEqual((last["task"], last["done"], last["total"], last["finished"]), ("dump", MIB, MIB, True))
         self.assertEqual(self.kab("dump", "-o", "d2", "-r", "3M:1M", *self.disks[:2])[1], "")
         self.assertIn("Extracting chunk number (0/4)", self.kab("-v", "verify", "d")[1])

@@ -1,8 +1,9 @@
-// A preload library: pread and pread64 of any byte in [KAB_FAIL_FROM, KAB_FAIL_TO) fail with EIO. The tool under test
-// and the library stay as they are.
+// A preload library: pread and pread64 of any byte in [KAB_FAIL_FROM, KAB_FAIL_TO) fail with EIO, and the read number
+// KAB_INTERRUPT_AT, from 1, comes with a SIGINT. The tool under test and the library stay as they are.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/types.h>
 
@@ -13,7 +14,10 @@ static long long Bound(const char* name) {
   return text != NULL ? atoll(text) : -1;
 }
 
+static long long reads = 0;
+
 static ssize_t Read(const char* name, int fd, void* buf, size_t count, off_t offset) {
+  if (++reads == Bound("KAB_INTERRUPT_AT")) raise(SIGINT);
   const long long from = Bound("KAB_FAIL_FROM");
   const long long to = Bound("KAB_FAIL_TO");
   if (offset < to && offset + (long long)count > from) {

@@ -1,10 +1,9 @@
 #include "as_group.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cstring>
 
+#include "dedup_area.h"
 #include "kab/indexes.h"
 #include "kab/ssdlog.h"
 
@@ -16,8 +15,6 @@ constexpr uint64_t kZeroEnd = 0xFFFFFFFFFF5FF;
 constexpr uint32_t kDevIdxShift = 50;
 constexpr size_t kWriteBufferStartAt = 20;
 
-uint32_t DedupMode(const KABDiskCtx& disk) { return disk.meta[8] == 11 ? 0 : disk.meta[11] >> 2U & 3U; }
-
 // The reserved range of block numbers that stands for data written as zeros; the arithmetic wraps on purpose.
 bool IsZeroWrite(const KABDiskCtx& ssd, uint64_t address, uint64_t length) {
   uint64_t start;
@@ -26,15 +23,6 @@ bool IsZeroWrite(const KABDiskCtx& ssd, uint64_t address, uint64_t length) {
 }
 
 }  // namespace
-
-void ReplayLog(Group& group) {
-  KABDiskCtx* ssd = group.ssd();
-  uint32_t status = KABSSDLOGGetValidCheckPointRecord(ssd);
-  if (status == KAB_OK) status = KABSSDLOGRecovPlogLog(ssd);
-  if (status != KAB_OK) {
-    throw Failure(ExitOfStatus(status), fmt::format("the log cannot be replayed: {}", KABErrorStr(status)));
-  }
-}
 
 void ForEachSource(const KABDiskCtx& disk, const Range& range, const std::function<void(const Piece&)>& take) {
   const uint32_t mode = DedupMode(disk);

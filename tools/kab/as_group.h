@@ -1,17 +1,13 @@
 #pragma once
-// A capacity disk as its group sees it: replay first, then reads through the log, and where each piece comes from.
+// A capacity disk as its group sees it: where each piece comes from, after a replay of the log.
 
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "group.h"
 #include "ranges.h"
 
 namespace tool {
-
-/// Chooses the checkpoint record and replays the PLOG. Throws a Failure when there is none or it cannot be replayed.
-void ReplayLog(Group& group);
 
 struct Piece {
   uint64_t offset;  // logical, bytes

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "ranges.h"
 
 namespace tool {
 namespace {
@@ -21,16 +22,25 @@ constexpr const char* kDetails =
 struct Options {
   GroupOptions group;
   bool quick = false;
+  std::string memory = "1G";
 };
 
 Exit Run(Tool& tool, const Options& options) {
   Findings findings([&tool](const Finding& finding) { PrintFinding(tool, finding); });
-  Group group(tool, options.group);
-  Check check{tool, findings, group, options.quick};
+  bool complete = true;
+  Exit refused = Exit::kClean;
+  Group group(tool, options.group, [&](const Refusal& refusal) {
+    const char* code = refusal.code == Exit::kNotOurs ? "META-DISK-REFUSED" : "META-DISK-UNOPENED";
+    findings.Add({code, Severity::kDamage, refusal.path, {}, {}, {}, refusal.reason});
+    complete = false;
+    refused = Worse(refused, refusal.code);
+  });
+  Check check{tool, findings, group, options.quick, complete};
+  check.memory = SizeArgument("--memory", options.memory);
   CheckGroup(check);
   PrintSummary(tool, findings, check.complete);
-  if (findings.Count(Severity::kDamage) != 0) return check.complete ? Exit::kDamage : Exit::kDamageIncomplete;
-  return check.complete ? Exit::kClean : Exit::kDamageIncomplete;
+  const bool damaged = findings.Count(Severity::kDamage) != 0;
+  return Worse(refused, !check.complete ? Exit::kDamageIncomplete : damaged ? Exit::kDamage : Exit::kClean);
 }
 
 }  // namespace
@@ -52,6 +62,8 @@ void AddCheck(CLI::App& app, Tool& tool) {
       AddCommand(app, tool, "check", "Judge a disk group", kDetails, [&tool, options] { return Run(tool, *options); });
   AddGroupOptions(command, options->group);
   command->add_flag("--quick", options->quick, "leave the scans of whole regions out");
+  command->add_option("--memory", options->memory, "what bitmaps may take; with less the maps are read more often")
+      ->capture_default_str();
 }
 
 }  // namespace tool

@@ -15,15 +15,17 @@ struct Check {
   Findings& findings;
   Group& group;
   bool quick = false;
-  bool complete = true;  // false once something could not be judged
+  bool complete = true;                 // false once something could not be judged
+  uint64_t memory = uint64_t{1} << 30;  // bytes that bitmaps may take
 
   void Damage(const char* code, const KABDiskCtx& disk, std::optional<uint64_t> offset, std::string text,
               std::string expected = {}, std::string found = {}) {
     findings.Add(
         {code, Severity::kDamage, disk.uuidText, offset, std::move(expected), std::move(found), std::move(text)});
   }
-  void Warn(const char* code, const KABDiskCtx& disk, std::string text) {
-    findings.Add({code, Severity::kWarning, disk.uuidText, {}, {}, {}, std::move(text)});
+  void Warn(const char* code, const KABDiskCtx& disk, std::string text) { Warn(code, disk, {}, std::move(text)); }
+  void Warn(const char* code, const KABDiskCtx& disk, std::optional<uint64_t> offset, std::string text) {
+    findings.Add({code, Severity::kWarning, disk.uuidText, offset, {}, {}, std::move(text)});
   }
   void Inform(const char* code, const KABDiskCtx& disk, std::optional<uint64_t> offset, std::string text) {
     findings.Add({code, Severity::kInfo, disk.uuidText, offset, {}, {}, std::move(text)});
@@ -36,9 +38,12 @@ struct Check {
 
 /// The Arvo metadata of all disks against each other.
 void CheckMeta(Check& check);
+/// Both checkpoint records. False when neither serves.
+bool CheckCheckpoints(Check& check);
 /// Checkpoint records, both logs block by block, PLOG replay. False when there is no replay to build on.
 bool CheckLog(Check& check);
-/// Dedup superblocks, their copies and the headers of every metadata block.
+/// Dedup superblocks, every metadata block and its copy, and bitmaps, translation maps and hash maps against each
+/// other.
 void CheckDedup(Check& check);
 /// Block 0, registry, map trees and component superblocks of Orlo disks; after a replay.
 void CheckOrlo(Check& check);

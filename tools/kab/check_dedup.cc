@@ -1,109 +1,162 @@
-// The dedup layer: superblocks, their copies, and the header of every metadata block.
+// The dedup layer: superblocks, the header of every metadata block, and the maps against each other.
+
+#include "check_dedup.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
-
-#include "check.h"
-#include "kab/ddp.h"
 
 namespace tool {
 namespace {
 
-constexpr uint64_t kBlock = 4096;
-constexpr uint64_t kAreaOffset = 0x300000;
-constexpr uint32_t kBatch = 64;  // blocks a read
-constexpr size_t kFlagsAt = 80;
-constexpr uint8_t kRedundantMetadata = 4;
+constexpr uint32_t kMagic = 0xB000DAAA;
+constexpr size_t kTypeAt = 4;
+constexpr size_t kChecksumAt = 16;
+constexpr size_t kOwnerAt = 20;
+constexpr size_t kTagAt = 28;
+constexpr size_t kOwnerIdAt = 56;
+constexpr size_t kTableAt = 60;
+constexpr uint32_t kCompressed = 1;
 
-// A region as the superblock places it: two u64 at bare offsets, start and size in blocks.
-struct Region {
-  const char* name;
-  uint32_t type;
-  size_t startAt;
-};
-constexpr Region kRegions[] = {{"transaction superblock", 2, 84},
-                               {"bitmap", 3, 132},
-                               {"hash map", 4, 116},
-                               {"translation map", 5, 148},
-                               {"hash map's map bitmap", 8, 180},
-                               {"bitmap's map bitmap", 9, 196},
-                               {"translation map's map bitmap", 10, 212}};
-
-uint64_t Word(const uint8_t* bytes) {
-  uint64_t value;
+template <class T>
+T Load(const uint8_t* bytes) {
+  T value;
   std::memcpy(&value, bytes, sizeof value);
   return value;
 }
 
-// A block of the translation map comes into being with the first logical block that it maps.
-bool IsUnwritten(const uint8_t* block) {
-  return std::all_of(block, block + kBlock, [](uint8_t byte) { return byte == 0; });
+struct HeaderFault {
+  const char* field;
+  size_t at;
+  uint64_t expected;
+  uint64_t found;
+};
+
+// The first field that makes a header invalid, in the order of the library's own test.
+HeaderFault FindFault(const DedupArea& area, const DedupRegion& region, const DedupBlock& block) {
+  const KABDiskCtx& disk = *area.disk();
+  const auto owner = Load<uint64_t>(disk.dedupCtx.superBlk + kOwnerIdAt);
+  const uint64_t place = region.start + block.index - region.firstIndex;
+  const uint64_t device = DedupMode(disk) == kCompressed ? 0 : static_cast<uint64_t>(disk.devIdx) << 44U;
+  const HeaderFault fields[] = {
+      {"magic", 0, kMagic, Load<uint32_t>(block.bytes)},
+      {"type", kTypeAt, region.type, Load<uint32_t>(block.bytes + kTypeAt)},
+      {"owner", kOwnerAt, owner, Load<uint64_t>(block.bytes + kOwnerAt)},
+      {"checksum", kChecksumAt, DedupChecksum(block.bytes), Load<uint32_t>(block.bytes + kChecksumAt)},
+      {"address tag", kTagAt, place | uint64_t{region.type} << 40U | device, Load<uint64_t>(block.bytes + kTagAt)}};
+  for (const HeaderFault& field : fields) {
+    if (field.expected != field.found) return field;
+  }
+  return fields[0];
 }
 
-void CheckRegion(Check& check, KABDiskCtx* disk, const Region& region, Progress& progress) {
-  const uint64_t start = Word(disk->dedupCtx.superBlk + region.startAt);
-  const uint64_t size = Word(disk->dedupCtx.superBlk + region.startAt + 8);
-  const uint64_t onDisk = (disk->diskSize - kAreaOffset) / kBlock;
-  if (start > onDisk || size > onDisk - start) {
-    check.Damage("DDP-REGION", *disk, {}, fmt::format("the {} leaves the disk", region.name),
-                 fmt::format("at most {} blocks", onDisk), fmt::format("{} blocks from {}", size, start));
-    check.complete = false;
-    return;
+void CheckCopy(Check& check, const DedupArea& area, const DedupRegion& region, const DedupBlock& block) {
+  if (region.copy == 0 || (block.copy != nullptr && std::memcmp(block.bytes, block.copy, kDedupBlock) == 0)) return;
+  check.Warn("DDP-COPY", *area.disk(), kDedupAreaOffset + (region.copy + block.index - region.firstIndex) * kDedupBlock,
+             fmt::format("the second copy of block {} of the {} {}", block.index, region.name,
+                         block.copy == nullptr ? "cannot be read" : "differs"));
+}
+
+bool IsUnitMap(uint32_t type) { return type == DDP_BLK_BITMAP || type == DDP_BLK_HASH_MAP || type == DDP_BLK_XMAP; }
+
+bool AllMembersOpen(const KABDiskCtx& ssd) {
+  for (size_t slot = 0; slot < KAB_DISKS_PER_GROUP; ++slot) {
+    const uint8_t* uuid = ssd.meta + kTableAt + 16 * slot;
+    const bool listed = std::any_of(uuid, uuid + 16, [](uint8_t byte) { return byte != 0; });
+    if (listed && (ssd.disks[slot] == nullptr || ssd.disks[slot]->placeholder != 0)) return false;
   }
-  std::vector<uint8_t> buffer(kBatch * kBlock);
-  for (uint64_t index = 0; index < size; index += kBatch) {
-    StopIfInterrupted();
-    const auto count = static_cast<uint32_t>(std::min<uint64_t>(kBatch, size - index));
-    const uint64_t offset = kAreaOffset + (start + index) * kBlock;
-    if (KABRead(disk, buffer.data(), static_cast<uint32_t>(count * kBlock), static_cast<int64_t>(offset)) != KAB_OK) {
-      check.Damage("DDP-UNREADABLE", *disk, offset,
-                   fmt::format("{} blocks of the {} cannot be read", count, region.name));
-      check.complete = false;
+  return true;
+}
+
+std::vector<DedupSet> FindSets(Check& check) {
+  KABDiskCtx* ssd = check.group.ssd();
+  const bool wholeGroup = AllMembersOpen(*ssd);
+  DedupSet group{{}, true, wholeGroup};
+  std::vector<DedupSet> sets;
+  for (KABDiskCtx* disk : check.group.disks()) {
+    if (disk->dedupCtx.superBlk == nullptr) continue;
+    const bool alone = DedupMode(*disk) == kCompressed;
+    if (!CheckSuperblock(check, disk, alone || wholeGroup)) {
+      if (!alone) group.whole = false;
+    } else if (alone) {
+      sets.push_back({{DedupArea(disk)}, false, true});
     } else {
-      for (uint32_t i = 0; i < count; ++i) {
-        const uint8_t* block = buffer.data() + i * kBlock;
-        if (DDPIsValidBlkHdr(disk, block, region.type, index + i) != 0) continue;
-        if (region.type == DDP_BLK_XMAP && IsUnwritten(block)) continue;
-        check.Damage("DDP-BLOCK-HEADER", *disk, offset + i * kBlock,
-                     fmt::format("block {} of the {} has an invalid header or checksum", index + i, region.name));
-      }
+      group.members.emplace_back(disk);
     }
-    progress.Add(count * kBlock);
+  }
+  if (group.whole && !group.members.empty()) DDPUpdateBlkStatsForDG(ssd);
+  if (!group.members.empty()) sets.push_back(std::move(group));
+  return sets;
+}
+
+// The regions that tell nothing of units: their blocks are looked at once, for themselves.
+void CheckOtherRegions(Check& check, const DedupArea& area, Progress& progress) {
+  for (const DedupRegion& region : area.regions()) {
+    if (IsUnitMap(region.type) || !area.Fits(region)) continue;
+    ForEachBlock(area, region, 0, region.size, true, [&](const DedupBlock& block) {
+      CheckBlock(check, area, region, block);
+      progress.Add(kDedupBlock);
+    });
   }
 }
 
-void CheckDisk(Check& check, KABDiskCtx* disk) {
-  LineTrap trap;
-  // Against the copy first: validation corrects the superblock in memory.
-  const bool hasCopy = (disk->dedupCtx.superBlk[kFlagsAt] & kRedundantMetadata) != 0;
-  if (hasCopy) DDPCompareSuperBlks(disk);
-  for (std::string& line : trap.Take(disk->uuidText)) {
-    check.Warn("DDP-SUPERBLOCK-COPY", *disk, std::move(line));
-  }
-  uint8_t fixed = 0;
-  if (DDPValidateSuperBlk(disk, &fixed) == 0) {
-    check.TakeLines(trap, "DDP-SUPERBLOCK", *disk, kAreaOffset);
+void CheckPlaces(Check& check, const DedupArea& area) {
+  for (const DedupRegion& region : area.regions()) {
+    if (area.Fits(region)) continue;
+    check.Damage("DDP-REGION", *area.disk(), {}, fmt::format("the {} leaves the disk", region.name),
+                 fmt::format("at most {} blocks", area.blocks()),
+                 fmt::format("{} blocks from {}", region.size, region.start));
     check.complete = false;
-    return;
   }
-  check.TakeLines(trap, "DDP-SUPERBLOCK", *disk, kAreaOffset);
-  if (check.quick) return;
-  uint64_t total = 0;
-  for (const Region& region : kRegions) total += Word(disk->dedupCtx.superBlk + region.startAt + 8) * kBlock;
-  Progress progress(check.tool, fmt::format("check {}", disk->uuidText), total);
-  for (const Region& region : kRegions) CheckRegion(check, disk, region, progress);
-  progress.Finish();
+}
+
+uint64_t BytesToRead(const Check& check, const DedupSet& set) {
+  uint64_t bytes = 0;
+  for (const DedupArea& area : set.members) {
+    for (const DedupRegion& region : area.regions()) {
+      if (!area.Fits(region)) continue;
+      const bool again = region.type == DDP_BLK_XMAP || region.type == DDP_BLK_HASH_MAP;
+      bytes += region.size * kDedupBlock * (again ? UnitPasses(check, set) : 1);
+    }
+  }
+  return bytes;
 }
 
 }  // namespace
 
-void CheckDedup(Check& check) {
-  for (KABDiskCtx* disk : check.group.disks()) {
-    if (disk->dedupCtx.superBlk != nullptr) CheckDisk(check, disk);
+bool CheckBlock(Check& check, const DedupArea& area, const DedupRegion& region, const DedupBlock& block) {
+  KABDiskCtx* disk = area.disk();
+  if (block.bytes == nullptr) {
+    check.Damage("DDP-UNREADABLE", *disk, block.offset,
+                 fmt::format("block {} of the {} cannot be read", block.index, region.name));
+    check.complete = false;
+    return false;
   }
+  CheckCopy(check, area, region, block);
+  if (DDPIsValidBlkHdr(disk, block.bytes, region.type, block.index) != 0) return true;
+  if (region.type == DDP_BLK_XMAP && IsBlank(block.bytes)) return true;
+  const HeaderFault fault = FindFault(area, region, block);
+  check.Damage("DDP-BLOCK-HEADER", *disk, block.offset + fault.at,
+               fmt::format("block {} of the {} has a wrong {}", block.index, region.name, fault.field),
+               fmt::format("{:#x}", fault.expected), fmt::format("{:#x}", fault.found));
+  return false;
+}
+
+void CheckDedup(Check& check) {
+  const std::vector<DedupSet> sets = FindSets(check);
+  uint64_t total = 0;
+  for (const DedupSet& set : sets) {
+    for (const DedupArea& area : set.members) CheckPlaces(check, area);
+    total += BytesToRead(check, set);
+  }
+  if (check.quick || sets.empty()) return;
+  Progress progress(check.tool, "check dedup", total);
+  for (const DedupSet& set : sets) {
+    for (const DedupArea& area : set.members) CheckOtherRegions(check, area, progress);
+    CheckUnits(check, set, progress);
+  }
+  progress.Finish();
 }
 
 }  // namespace tool

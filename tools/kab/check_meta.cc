@@ -7,12 +7,14 @@
 #include <set>
 
 #include "check.h"
+#include "orlo_registry.h"
 
 namespace tool {
 namespace {
 
 constexpr uint64_t kMetaOffset = 1048576;
 constexpr size_t kTypeAt = 8;
+constexpr size_t kModes11At = 9;
 constexpr size_t kModesAt = 11;
 constexpr size_t kTableAt = 60;
 constexpr size_t kVersionAt = 468;
@@ -22,8 +24,11 @@ bool IsZero(const uint8_t* uuid) {
   return std::all_of(uuid, uuid + 16, [](uint8_t byte) { return byte == 0; });
 }
 
+size_t MountStateAt(const KABDiskCtx& ctx) { return ctx.meta[kTypeAt] == kType11 ? kModes11At : kModesAt; }
+
 uint32_t MountState(const KABDiskCtx& ctx) {
-  return ctx.meta[kTypeAt] == kType11 ? ctx.meta[9] & 7U : ctx.meta[kModesAt] >> 5U;
+  const uint8_t modes = ctx.meta[MountStateAt(ctx)];
+  return ctx.meta[kTypeAt] == kType11 ? modes & 7U : modes >> 5U;
 }
 
 void CheckTable(Check& check) {
@@ -39,7 +44,8 @@ void CheckTable(Check& check) {
       }
     }
     if (ssd.disks[slot] == nullptr) {
-      check.Warn("META-DISK-MISSING", ssd, fmt::format("the disk of slot {} was not given", slot));
+      check.Warn("META-DISK-MISSING", ssd, kMetaOffset + kTableAt + 16 * slot,
+                 fmt::format("the disk of slot {}, {}, was not given", slot, UuidText(uuid)));
       check.complete = false;
     }
   }
@@ -51,8 +57,16 @@ void CheckMeta(Check& check) {
   CheckTable(check);
   std::set<uint32_t> modes;
   for (const KABDiskCtx* ctx : check.group.All()) {
-    if (MountState(*ctx) == 0) check.Warn("META-MOUNTED", *ctx, "the disk was not cleanly unmounted");
-    if (ctx->group == nullptr) continue;
+    if (MountState(*ctx) == 0) {
+      check.Warn("META-MOUNTED", *ctx, kMetaOffset + MountStateAt(*ctx), "the disk was not cleanly unmounted");
+    }
+    if (ctx->group == nullptr) {
+      if (ctx->meta[kTypeAt] == kType11 && ctx != check.group.ssd()) {
+        check.Inform("META-DISK-APART", *ctx, kMetaOffset + kTypeAt,
+                     "a disk of type 11 belongs to no slot of the group");
+      }
+      continue;
+    }
     const uint8_t expected = ctx->group->meta[kVersionAt];
     if (ctx->meta[kVersionAt] != expected) {
       check.Inform("META-VERSION-DIFFERS", *ctx, kMetaOffset + kVersionAt,

@@ -1,22 +1,18 @@
 // kab component: the components on a group's Orlo disks.
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 
-#include "as_group.h"
 #include "commands.h"
-#include "kab/indexes.h"
+#include "component.h"
+#include "group.h"
 #include "kab/orlo.h"
-#include "kab/ssdlog.h"
-#include "kab/zolt.h"
-#include "orlo_registry.h"
 #include "out_file.h"
 #include "progress.h"
+#include "view.h"
 
 namespace tool {
 namespace {
@@ -32,11 +28,6 @@ constexpr const char* kDetails =
     "  kab component list ssd.img disk0.img\n"
     "  kab component read --uuid UUID -o component.bin ssd.img disk0.img\n";
 
-constexpr uint64_t kBlock = 4096;
-constexpr uint64_t kBlockSpace = uint64_t{1} << 32;  // logical block numbers are 32 bits wide
-constexpr uint32_t kRunsAtOnce = 1 << 20;            // blocks a look-up may hand out
-constexpr uint32_t kReadMode = 1;
-
 struct Options {
   GroupOptions group;
   std::string action;
@@ -44,70 +35,6 @@ struct Options {
   std::string out;
   bool force = false;
 };
-
-struct Found {
-  KABDiskCtx* disk;
-  Vdisk vdisk;
-};
-
-struct FreeExtents {
-  void operator()(OrloExtent* extent) const {
-    while (extent != nullptr) {
-      OrloExtent* next = extent->next;
-      KABFree(&extent);
-      extent = next;
-    }
-  }
-};
-using Extents = std::unique_ptr<OrloExtent, FreeExtents>;
-
-/// Every component of the group; damage is told by the library and in the result.
-std::vector<Found> FindAll(Group& group, Exit& code) {
-  std::vector<Found> all;
-  for (KABDiskCtx* disk : group.disks()) {
-    if (disk->group == nullptr || !IsOrlo(*disk)) continue;
-    Registry registry;
-    uint32_t status = ReadRegistry(disk, &registry);
-    if (status == KAB_OK) {
-      status = ForEachVdisk(disk, registry, [&](const Vdisk& vdisk) { all.push_back({disk, vdisk}); });
-    }
-    if (status != KAB_OK) code = Worse(code, Exit::kDamageIncomplete);
-  }
-  return all;
-}
-
-Found FindOne(Group& group, const std::string& uuid) {
-  Exit code = Exit::kClean;
-  for (const Found& found : FindAll(group, code)) {
-    if (found.vdisk.uuid == uuid) return found;
-  }
-  throw Failure(code == Exit::kClean ? Exit::kNotOurs : code, fmt::format("no component {}", uuid));
-}
-
-/// Calls `take` for every extent in order. A status of the library; 9 also for extents that do not rise.
-uint32_t ForEachExtent(const Found& found, const std::function<void(const OrloExtent&)>& take) {
-  if (!found.vdisk.present) return KAB_OK;
-  OrloBTreeCursor cursor{};
-  cursor.root = found.vdisk.mapBlock;
-  cursor.version = found.disk->meta[468];
-  cursor.disk = found.disk;
-  for (uint64_t block = 0; block < kBlockSpace;) {
-    StopIfInterrupted();
-    OrloExtent* list = nullptr;
-    const uint32_t status = OrloMapLookup(&cursor, block, kBlockSpace, kRunsAtOnce, &list, kReadMode);
-    const Extents extents(list);
-    if (status != KAB_OK) return status;
-    if (extents == nullptr) break;
-    uint64_t end = block;
-    for (const OrloExtent* extent = extents.get(); extent != nullptr; extent = extent->next) {
-      take(*extent);
-      end = (extent->logicalSectors + extent->sectorCount) * 512 / kBlock;
-    }
-    if (end <= block) return KAB_BLOCK_INVALID;
-    block = end;
-  }
-  return KAB_OK;
-}
 
 struct Facts {
   uint64_t allocated = 0;  // bytes that have a place on the disk
@@ -117,9 +44,10 @@ struct Facts {
   bool superblockValid = false;
 };
 
-Facts FactsOf(const Found& found) {
+Facts FactsOf(const Component& found) {
   Facts facts;
   const uint32_t status = ForEachExtent(found, [&facts](const OrloExtent& extent) {
+    StopIfInterrupted();
     const uint64_t length = extent.sectorCount * 512;
     if (extent.physicalSectors != ~uint64_t{0}) facts.allocated += length;
     facts.end = extent.logicalSectors * 512 + length;
@@ -134,7 +62,7 @@ Facts FactsOf(const Found& found) {
   return facts;
 }
 
-Json FoundJson(const Found& found, const Facts& facts) {
+Json FoundJson(const Component& found, const Facts& facts) {
   Json object;
   object["uuid"] = found.vdisk.uuid;
   object["disk"] = found.disk->uuidText;
@@ -150,12 +78,12 @@ Json FoundJson(const Found& found, const Facts& facts) {
   return object;
 }
 
-Exit Judge(const Found& found, const Facts& facts) {
+Exit Judge(const Component& found, const Facts& facts) {
   if (!facts.mapWhole) return Exit::kDamageIncomplete;
   return found.vdisk.present && !facts.superblockValid ? Exit::kDamage : Exit::kClean;
 }
 
-void Show(Tool& tool, const Found& found, const Facts& facts) {
+void Show(Tool& tool, const Component& found, const Facts& facts) {
   if (tool.json) {
     Tool::PrintJson(FoundJson(found, facts));
     return;
@@ -171,7 +99,7 @@ void Show(Tool& tool, const Found& found, const Facts& facts) {
 Exit List(Tool& tool, Group& group) {
   Exit code = Exit::kClean;
   if (tool.json) Tool::PrintJson(Tool::Header("component list"));
-  for (const Found& found : FindAll(group, code)) {
+  for (const Component& found : FindComponents(group, code)) {
     StopIfInterrupted();
     const Facts facts = FactsOf(found);
     Show(tool, found, facts);
@@ -180,7 +108,7 @@ Exit List(Tool& tool, Group& group) {
   return code;
 }
 
-Exit Map(Tool& tool, const Found& found) {
+Exit Map(Tool& tool, const Component& found) {
   if (tool.json) {
     Json header = Tool::Header("component map");
     header["uuid"] = found.vdisk.uuid;
@@ -188,6 +116,7 @@ Exit Map(Tool& tool, const Found& found) {
     Tool::PrintJson(header);
   }
   const uint32_t status = ForEachExtent(found, [&](const OrloExtent& extent) {
+    StopIfInterrupted();
     const uint64_t offset = extent.logicalSectors * 512;
     const uint64_t length = extent.sectorCount * 512;
     const bool hole = extent.physicalSectors == ~uint64_t{0};
@@ -204,104 +133,47 @@ Exit Map(Tool& tool, const Found& found) {
   return status == KAB_OK ? Exit::kClean : ExitOfStatus(status);
 }
 
-struct CloseComponent {
-  void operator()(KABComponentHandle* handle) const { KABComponentClose(handle); }
-};
-using OpenedComponent = std::unique_ptr<KABComponentHandle, CloseComponent>;
-
-// A handle stands only on complete replays of both logs: a component must never be read stale.
-OpenedComponent OpenComponent(Group& group, const std::string& uuid) {
-  const uint32_t status = KABSSDLOGRecovLlogLog(group.ssd());
-  if (status != KAB_OK) {
-    throw Failure(ExitOfStatus(status), "the LLOG cannot be replayed: the component's newest writes would be missing");
-  }
-  OpenedComponent handle(KABComponentOpen(group.ssd(), uuid.c_str()));
-  if (handle == nullptr) throw Failure(Exit::kError, fmt::format("cannot open component {}", uuid));
-  return handle;
-}
-
-// Extents are read where they lie; what has no place stays a hole of the file.
-Exit ReadAll(Tool& tool, Group& group, const Found& found, const Options& options) {
+// What has no place stays a hole of the file.
+Exit ReadAll(Tool& tool, Group& group, const Component& found, const Options& options) {
   if (options.out.empty()) throw Failure(Exit::kUsage, "component read: needs -o FILE, or -o - for stdout");
   RefuseInput(options.out, options.group.Paths());
-  const OpenedComponent handle = OpenComponent(group, found.vdisk.uuid);
-  if (handle->compState != nullptr && options.out == "-") {
-    throw Failure(Exit::kUsage,
-                  "component read: the log holds parts of this component, which needs a file to write to");
-  }
+  const std::unique_ptr<View> view = ViewOfComponent(group, found);
   OutFile out(options.out, options.force);
-  const Facts facts = FactsOf(found);
-  Progress progress(tool, "read", facts.end);
+  Progress progress(tool, "read", view->size());
   std::vector<uint8_t> buffer(1 << 20);
-  const std::vector<uint8_t> zeros(1 << 20);
   const bool sparse = out.pending();
-  uint64_t at = 0;  // bytes of the component that stand in the output
-  const auto pad = [&](uint64_t to) {
-    if (sparse) {
-      at = std::max(at, to);
-      return;
-    }
-    while (at < to) {
-      const uint64_t piece = std::min<uint64_t>(zeros.size(), to - at);
-      out.Write(zeros.data(), piece);
-      at += piece;
-    }
-  };
   const auto put = [&](uint64_t offset, uint64_t length) {
     if (!sparse) {
       out.Write(buffer.data(), length);
-    } else {
-      for (uint64_t done = 0; done < length;) {
-        const ssize_t count = pwrite(out.fd(), buffer.data() + done, length - done, static_cast<off_t>(offset + done));
-        if (count <= 0) throw SystemFailure(options.out, errno);
-        done += static_cast<uint64_t>(count);
-      }
+      return;
     }
-    at = offset + length;
+    for (uint64_t done = 0; done < length;) {
+      const ssize_t count = pwrite(out.fd(), buffer.data() + done, length - done, static_cast<off_t>(offset + done));
+      if (count <= 0) throw SystemFailure(options.out, errno);
+      done += static_cast<uint64_t>(count);
+    }
   };
-  uint32_t failed = KAB_OK;
-  const uint32_t status = ForEachExtent(found, [&](const OrloExtent& extent) {
-    const uint64_t offset = extent.logicalSectors * 512;
-    const uint64_t length = extent.sectorCount * 512;
-    pad(offset);
-    for (uint64_t done = 0; done < length && extent.physicalSectors != ~uint64_t{0};) {
+  // A range that cannot be read stays zero; the exit status and the library's line tell of it.
+  Exit code = view->whole() ? Exit::kClean : Exit::kDamageIncomplete;
+  const auto bad = [&code](uint64_t, uint64_t, uint32_t) { code = Exit::kDamageIncomplete; };
+  view->ForEachRun(0, view->size(), [&](const View::Run& run) {
+    for (uint64_t done = 0; done < run.length && !(run.hole && sparse);) {
       StopIfInterrupted();
-      const uint64_t piece = std::min<uint64_t>(buffer.size(), length - done);
-      const uint32_t st =
-          OrloReadData(found.disk, buffer.data(), static_cast<uint32_t>(piece), extent.physicalSectors * 512 + done);
-      if (st != KAB_OK) {
-        // The range stays zero; the exit status and the library's line tell of it.
-        failed = st;
+      const uint64_t piece = std::min<uint64_t>(buffer.size(), run.length - done);
+      if (run.hole) {
         std::fill_n(buffer.begin(), piece, uint8_t{0});
+      } else {
+        ReadAround(*view, buffer.data(), piece, run.offset + done, bad);
       }
-      put(offset + done, piece);
-      progress.Add(piece);
+      put(run.offset + done, piece);
       done += piece;
     }
-    pad(offset + length);
+    progress.Add(run.length);
   });
-  // What the log holds of the component is newer than its map.
-  if (handle->compState != nullptr) {
-    ZOLTLbaTable* table = &handle->compState->lbaTable;
-    ZOLTLbaTableCursor cursor;
-    for (const ZOLTLbaRange* range = ZOLTLbaTable_First(table, &cursor); range != nullptr;
-         range = ZOLTLbaTable_Next(table, &cursor)) {
-      for (uint64_t done = 0; done < range->length;) {
-        const uint64_t piece = std::min<uint64_t>(buffer.size(), range->length - done);
-        const uint32_t st = KABRead(group.ssd(), buffer.data(), static_cast<uint32_t>(piece),
-                                    static_cast<int64_t>(group.ssd()->dataOffset + range->address + done));
-        if (st != KAB_OK) throw Failure(ExitOfStatus(st), "the write buffer cannot be read");
-        const uint64_t end = std::max(at, range->start + done + piece);
-        put(range->start + done, piece);
-        at = end;
-        done += piece;
-      }
-    }
-  }
-  if (sparse && ftruncate(out.fd(), static_cast<off_t>(at)) != 0) throw SystemFailure(options.out, errno);
+  if (sparse && ftruncate(out.fd(), static_cast<off_t>(view->size())) != 0) throw SystemFailure(options.out, errno);
   out.Commit();
   progress.Finish();
-  return status == KAB_OK && failed == KAB_OK ? Exit::kClean : Exit::kDamageIncomplete;
+  return code;
 }
 
 Exit Run(Tool& tool, const Options& options) {
@@ -309,7 +181,7 @@ Exit Run(Tool& tool, const Options& options) {
   ReplayLog(group);
   if (options.action == "list") return List(tool, group);
   if (options.uuid.empty()) throw Failure(Exit::kUsage, fmt::format("component {}: needs --uuid", options.action));
-  const Found found = FindOne(group, options.uuid);
+  const Component found = FindComponent(group, options.uuid);
   if (options.action == "map") return Map(tool, found);
   if (options.action == "read") return ReadAll(tool, group, found, options);
   const Facts facts = FactsOf(found);

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <sstream>
 
@@ -13,6 +14,11 @@ namespace {
 constexpr const char* kSeverityNames[] = {"info", "warning", "damage"};
 
 Json Text(const std::string& text) { return text.empty() ? Json(nullptr) : Json(text); }
+
+// A reader at the other end of a pipe gets each finding when it is made.
+void PassOn() {
+  if (std::fflush(stdout) != 0) throw SystemFailure("stdout", errno);
+}
 
 }  // namespace
 
@@ -35,16 +41,16 @@ void PrintFinding(const Tool& tool, const Finding& finding) {
     object["found"] = Text(finding.found);
     object["text"] = finding.text;
     Tool::PrintJson(object);
+    PassOn();
     return;
   }
   if (tool.quiet && finding.severity == Severity::kInfo) return;
   std::string line = fmt::format("{:<7} {} {}", SeverityName(finding.severity), finding.code, finding.disk);
   if (finding.offset) line += fmt::format(" at {}", *finding.offset);
   line += ": " + finding.text;
-  if (!finding.expected.empty() || !finding.found.empty()) {
-    line += fmt::format(" (expected {}, found {})", finding.expected, finding.found);
-  }
+  if (!finding.expected.empty()) line += fmt::format(" (expected {}, found {})", finding.expected, finding.found);
   Tool::Print(line + "\n");
+  PassOn();
 }
 
 void PrintSummary(const Tool& tool, const Findings& findings, bool complete) {
@@ -90,6 +96,12 @@ std::vector<std::string> LineTrap::Take(const std::string& disk) {
     lines.push_back(line);
   }
   return lines;
+}
+
+std::string LineTrap::TakeReason(const std::string& disk) {
+  std::string reason;
+  for (const std::string& line : Take(disk)) reason += (reason.empty() ? ": " : "; ") + line;
+  return reason;
 }
 
 }  // namespace tool

@@ -20,7 +20,7 @@ const char* SeverityName(Severity severity);
 struct Finding {
   const char* code;  // stable, for programs: docs/findings.md
   Severity severity;
-  std::string disk;                // UUID text
+  std::string disk;                // UUID text; the path of a disk that does not open
   std::optional<uint64_t> offset;  // bytes from the start of the device
   std::string expected;
   std::string found;
@@ -58,6 +58,8 @@ class LineTrap {
 
   /// The lines so far, without their line ends and the disk's name in front; they are forgotten then.
   std::vector<std::string> Take(const std::string& disk);
+  /// The same as one text that follows another: ": line; line", or nothing.
+  std::string TakeReason(const std::string& disk);
 
  private:
   FILE* former_;

@@ -1,63 +1,23 @@
 #pragma once
-// Opening the disks that the arguments name, and choosing one of them.
+// The disks that a command's arguments name.
 
 #include <CLI/CLI.hpp>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "kab/core.h"
-#include "keys.h"
+#include "disk_group.h"
 #include "tool.h"
 
 namespace tool {
-
-struct GroupOptions {
-  std::string ssd;
-  std::vector<std::string> disks;
-  bool skipUnmountCheck = false;
-  std::string disk;  // --disk, when the command has it
-
-  std::vector<std::string> Paths() const {
-    std::vector<std::string> paths = {ssd};
-    paths.insert(paths.end(), disks.begin(), disks.end());
-    return paths;
-  }
-};
 
 /// SSD, DISK... and --skip-unmount-check.
 void AddGroupOptions(CLI::App* command, GroupOptions& options);
 /// --disk.
 void AddDiskChoice(CLI::App* command, GroupOptions& options);
 
-/// The opened group; closed in order at the end. `options` must outlive it, since contexts borrow their paths.
-class Group {
+/// The opened group; `options` must outlive it.
+class Group : public DiskGroup {
  public:
-  /// Opens everything read-only, or throws a Failure.
-  Group(Tool& tool, const GroupOptions& options);
-
-  KABDiskCtx* ssd() { return ssd_.get(); }
-  /// In the order of the arguments; some may be attached to no slot (type 11).
-  const std::vector<KABDiskCtx*>& disks() const { return disks_; }
-  /// SSD first.
-  std::vector<KABDiskCtx*> All();
-  /// The disk that --disk names: "ssd", a slot number, a UUID or a path. Without it the only capacity disk, or the
-  /// SSD when there is none.
-  KABDiskCtx* Chosen();
-
- private:
-  struct Close {
-    void operator()(KABDiskCtx* ctx) const noexcept;
-  };
-  using Opened = std::unique_ptr<KABDiskCtx, Close>;
-
-  Opened Open(Tool& tool, const std::string& path, bool isSsd);
-
-  const GroupOptions& options_;
-  KeyFiles keys_;
-  Opened ssd_;
-  std::vector<Opened> owned_;  // behind the SSD: they go first
-  std::vector<KABDiskCtx*> disks_;
+  Group(Tool& tool, const GroupOptions& options, const TakeRefusal& takeRefusal = {})
+      : DiskGroup(tool.log, tool.keyFiles, options, takeRefusal) {}
 };
 
 }  // namespace tool

@@ -18,6 +18,8 @@ class Progress {
   Progress& operator=(const Progress&) = delete;
 
   void Add(uint64_t bytes);
+  /// What is to come has become known better.
+  void SetTotal(uint64_t total) { total_ = total; }
   /// All is done: the last object is written, the bar goes away.
   void Finish();
 

@@ -11,9 +11,9 @@
 #include "dump_file.h"
 #include "group.h"
 #include "kab/ddp.h"
-#include "kab/ssdlog.h"
 #include "out_file.h"
 #include "ranges.h"
+#include "view.h"
 
 namespace tool {
 namespace {
@@ -44,23 +44,6 @@ struct Options {
   bool explain = false;
 };
 
-// The bytes that a disk's translation map can map, by its superblock: 225 blocks of 4096 bytes for each of its own.
-uint64_t LogicalSize(const KABDiskCtx& ctx) {
-  const uint8_t* superBlk = ctx.dedupCtx.superBlk;
-  if (superBlk == nullptr || ctx.group == nullptr) {
-    throw Failure(Exit::kUsage, "--logical: the disk has no dedup layer, or is not attached to its group");
-  }
-  const auto field = [superBlk](size_t at) {
-    uint64_t value = 0;
-    for (size_t i = 8; i-- > 0;) value = value << 8 | superBlk[at + i];
-    return value;
-  };
-  constexpr size_t kXmapSizeAt = 156;
-  constexpr size_t kExpansionAt = 261;
-  constexpr uint64_t kMostBlks = INT64_MAX / (225 * 4096) / 2;
-  return (std::min(field(kXmapSizeAt), kMostBlks) + std::min(field(kExpansionAt) / 2, kMostBlks)) * 225 * 4096;
-}
-
 /// Reads a piece into a buffer; a library status.
 using Reader = std::function<uint32_t(void* buffer, uint32_t length, uint64_t offset)>;
 using Writer = std::function<void(const std::vector<uint8_t>& bytes, uint64_t offset)>;
@@ -75,8 +58,7 @@ void ForEachPiece(const Range& range, uint64_t pieceSize, const Reader& reader, 
     const uint32_t status = reader(buffer.data(), static_cast<uint32_t>(buffer.size()), offset);
     if (status != KAB_OK) {
       throw Failure(ExitOfStatus(status),
-                    fmt::format("reading {} bytes at {}: {}", buffer.size(), offset,
-                                status < KAB_STATUS_COUNT ? KABErrorStr(status) : "Invalid device index"));
+                    fmt::format("reading {} bytes at {}: {}", buffer.size(), offset, StatusText(status)));
     }
     writer(buffer, offset);
     progress.Add(buffer.size());
@@ -141,12 +123,12 @@ Exit Run(Tool& tool, const Options& options) {
     if (ctx->group == nullptr) throw Failure(Exit::kUsage, "--as-group: choose a capacity disk of the group");
     ReplayLog(group);
   }
-  const bool mapped = options.logical || (options.asGroup && ctx->dedupCtx.superBlk != nullptr);
-  const uint64_t limit = mapped ? LogicalSize(*ctx) : options.asGroup ? ctx->usableSize : ctx->diskSize;
+  const std::unique_ptr<View> view = options.asGroup ? ViewOfDisk(ctx) : nullptr;
+  const uint64_t limit = view != nullptr ? view->size() : options.logical ? LogicalSize(*ctx) : ctx->diskSize;
   const std::vector<Range> ranges = RangeArguments(options.ranges, limit);
   if (options.explain) return Explain(tool, *ctx, ranges);
-  const Reader reader = [ctx, &options](void* buffer, uint32_t length, uint64_t offset) {
-    if (options.asGroup) return KABPlogRead(ctx, buffer, length, offset);
+  const Reader reader = [ctx, &options, &view](void* buffer, uint32_t length, uint64_t offset) {
+    if (view != nullptr) return view->Read(buffer, length, offset);
     if (options.logical) return DDPRead(ctx, buffer, length, offset);
     return KABRead(ctx, buffer, length, static_cast<int64_t>(offset));
   };

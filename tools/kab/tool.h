@@ -5,27 +5,16 @@
 #include <cstdint>
 #include <functional>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "exit_codes.h"
+#include "failure.h"
 #include "log_relay.h"
 
 namespace tool {
 
 using Json = nlohmann::ordered_json;
-
-/// Ends a command: the message, if any, goes to stderr, the code to the caller.
-class Failure : public std::runtime_error {
- public:
-  Failure(Exit code, const std::string& message) : std::runtime_error(message), code_(code) {}
-  Exit code() const { return code_; }
-
- private:
-  Exit code_;
-};
 
 enum class ProgressMode { kAuto, kJson, kNone };
 
@@ -59,13 +48,5 @@ void InstallSignals();
 bool Interrupted();
 /// Throws when the user has asked to stop.
 void StopIfInterrupted();
-
-/// Throws for a path that holds neither a file nor a device: a FIFO would wait for its other end for ever.
-void RequireFileOrDevice(const std::string& path);
-
-/// A run-time error with the system's text for `error`.
-Failure SystemFailure(const std::string& what, int error);
-/// The exit code of a library status other than 0.
-Exit ExitOfStatus(uint32_t status);
 
 }  // namespace tool

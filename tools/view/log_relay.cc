@@ -4,6 +4,7 @@
 
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 namespace tool {
 namespace {
@@ -12,7 +13,7 @@ bool Has(std::string_view line, std::string_view part) { return line.find(part) 
 
 }  // namespace
 
-LogRelay::LogRelay() {
+LogRelay::LogRelay(Taker taker) : taker_(std::move(taker)) {
   cookie_io_functions_t functions = {};
   functions.write = [](void* cookie, const char* text, size_t size) -> ssize_t {
     try {
@@ -32,6 +33,10 @@ LogRelay::~LogRelay() {
 }
 
 void LogRelay::Line(std::string_view line) {
+  if (taker_) {
+    taker_(std::string(line));
+    return;
+  }
   const std::string bar = bar_;
   Bar({});
   std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
@@ -49,6 +54,7 @@ void LogRelay::Forget() {
   std::fflush(stream_);
   refusedDisk_ = outOfMemory_ = hashMismatch_ = inputFailed_ = false;
   metaErrors_ = 0;
+  lastError_.clear();
 }
 
 void LogRelay::Take(std::string_view text) {
@@ -73,6 +79,7 @@ void LogRelay::TakeLine(std::string_view line) {
   if (Has(line, "Total Hash mismatch for dump")) hashMismatch_ = true;
   if (Has(line, "Failed to populate input for decompress")) inputFailed_ = true;
   if (Has(line, "MetaError:")) metaErrors_++;
+  if (Has(line, "Error:")) lastError_ = line;
 
   const bool chatter = Has(line, "Extracting chunk number");
   if (chatter && !all_) return;

@@ -1,9 +1,10 @@
 #pragma once
-// The library's log stream: its lines go on to stderr, past the progress bar, and are remembered by kind, since an
-// open that fails tells its reason nowhere else.
+// The library's log stream: its lines go on to stderr, past the progress bar, or to a taker, and are remembered by
+// kind, since an open that fails tells its reason nowhere else.
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -11,7 +12,11 @@ namespace tool {
 
 class LogRelay {
  public:
-  LogRelay();
+  /// Takes a line without its end; must not throw.
+  using Taker = std::function<void(const std::string& line)>;
+
+  /// Without a taker the lines go to stderr.
+  explicit LogRelay(Taker taker = {});
   ~LogRelay();
   LogRelay(const LogRelay&) = delete;
   LogRelay& operator=(const LogRelay&) = delete;
@@ -22,7 +27,7 @@ class LogRelay {
   /// Only lines that tell of an error are shown.
   void Quiet(bool quiet) { quiet_ = quiet; }
 
-  /// A line of the tool itself on stderr.
+  /// A line of the tool itself.
   void Line(std::string_view line);
 
   /// The progress bar: one line that gives way to every other. Empty takes it away.
@@ -34,12 +39,14 @@ class LogRelay {
   bool hashMismatch() const { return hashMismatch_; }
   bool inputFailed() const { return inputFailed_; }  // a dump file that could not be read
   uint64_t metaErrors() const { return metaErrors_; }
+  const std::string& lastError() const { return lastError_; }  // the last line that tells of an error
   void Forget();
 
  private:
   void Take(std::string_view text);
   void TakeLine(std::string_view line);
 
+  Taker taker_;
   FILE* stream_;
   std::string partial_;
   std::string bar_;
@@ -50,6 +57,7 @@ class LogRelay {
   bool hashMismatch_ = false;
   bool inputFailed_ = false;
   uint64_t metaErrors_ = 0;
+  std::string lastError_;
 };
 
 }  // namespace tool

@@ -11,9 +11,9 @@
 #include <cerrno>
 #include <map>
 
+#include "failure.h"
 #include "kab/crypto.h"
 #include "kab/plinth.h"
-#include "tool.h"
 
 namespace tool {
 namespace {

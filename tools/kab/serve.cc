@@ -1,0 +1,268 @@
+// kab serve: a disk or a component as an NBD export, by nbdkit and the plugin that lies beside the tool.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+
+#include "commands.h"
+#include "component.h"
+#include "group.h"
+#include "view.h"
+
+namespace tool {
+namespace {
+
+constexpr const char* kDetails =
+    "Serves what `kab read --as-group` or `kab component read` would give as a read-only NBD export, through nbdkit,\n"
+    "until SIGINT or SIGTERM: to copy it, to look into it with other tools, or to mount what lies on it. Its URI goes\n"
+    "to stdout once clients may connect.\n\n"
+    "--socket makes a Unix socket that only the caller's user may open; it is removed at the end. --port listens on\n"
+    "127.0.0.1 alone, for every user of this machine; 0 takes a free port.\n\n"
+    "A block that cannot be read gives EIO; every other one is served. Key files are read twice: by kab and by "
+    "nbdkit.\n"
+    "Exit status 0 after a signal; 4 when damage hid a part of the component's map.\n\n"
+    "Examples:\n"
+    "  kab serve --disk 1 --socket disk1.sock ssd.img disk0.img disk1.img\n"
+    "  nbdcopy 'nbd+unix:///?socket=disk1.sock' disk1.copy\n"
+    "  kab serve --component UUID --port 10809 ssd.img disk0.img\n"
+    "  qemu-img convert -O qcow2 nbd://127.0.0.1:10809 component.qcow2\n";
+
+constexpr int kFirstPassedFd = 3;  // where a service finds the sockets that it was given
+constexpr int kCannotStart = 127;  // the child's exit status when there is no nbdkit
+constexpr const char* kPlugin = "nbdkit-kab-plugin.so";
+
+struct Options {
+  GroupOptions group;
+  std::string component;
+  std::string socket;
+  int32_t port = -1;
+};
+
+std::string UriEscaped(const std::string& path) {
+  std::string text;
+  for (const char c : path) {
+    const bool plain =
+        std::isalnum(static_cast<unsigned char>(c)) != 0 || (c != '\0' && std::strchr("/._~-", c) != nullptr);
+    text += plain ? std::string(1, c) : fmt::format("%{:02X}", static_cast<unsigned char>(c));
+  }
+  return text;
+}
+
+/// A socket that clients may connect to; a Unix socket's path goes away with it.
+class Listener {
+ public:
+  explicit Listener(const Options& options) {
+    if (options.socket.empty()) {
+      ListenOnPort(static_cast<uint16_t>(options.port));
+    } else {
+      ListenOnPath(options.socket);
+    }
+  }
+  ~Listener() {
+    if (fd_ >= 0) close(fd_);
+    if (!path_.empty()) unlink(path_.c_str());
+  }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  int fd() const { return fd_; }
+  const std::string& uri() const { return uri_; }
+
+ private:
+  void ListenOnPath(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+      throw Failure(Exit::kUsage, fmt::format("--socket {}: longer than {} bytes", path, sizeof address.sun_path - 1));
+    }
+    path.copy(address.sun_path, path.size());
+    // Decrypted data goes through it: nobody else may connect.
+    const mode_t mask = umask(0177);
+    Listen(AF_UNIX, reinterpret_cast<const sockaddr*>(&address), sizeof address, path);
+    umask(mask);
+    path_ = path;
+    uri_ = "nbd+unix:///?socket=" + UriEscaped(std::filesystem::absolute(path));
+  }
+
+  void ListenOnPort(uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    Listen(AF_INET, reinterpret_cast<const sockaddr*>(&address), sizeof address, fmt::format("127.0.0.1:{}", port));
+    socklen_t length = sizeof address;
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    uri_ = fmt::format("nbd://127.0.0.1:{}", ntohs(address.sin_port));
+  }
+
+  void Listen(int family, const sockaddr* address, socklen_t length, const std::string& name) {
+    fd_ = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int yes = 1;
+    if (fd_ < 0 || setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) != 0 ||
+        bind(fd_, address, length) != 0 || listen(fd_, SOMAXCONN) != 0) {
+      const int error = errno;
+      if (fd_ >= 0) close(fd_);
+      throw SystemFailure(name, error);
+    }
+  }
+
+  int fd_ = -1;
+  std::string path_;
+  std::string uri_;
+};
+
+/// Lies to the tool as in the tree it was built in.
+std::string PluginPath() {
+  const std::string path = std::filesystem::read_symlink("/proc/self/exe").parent_path() / KAB_PLUGIN_DIR / kPlugin;
+  if (access(path.c_str(), R_OK) != 0) throw SystemFailure(path, errno);
+  return path;
+}
+
+std::vector<std::string> Command(const Tool& tool, const Options& options, const std::string& plugin,
+                                 const std::string& disk) {
+  std::vector<std::string> command = {"nbdkit", "--foreground", "--readonly", "--exit-with-parent", "--log=stderr"};
+  if (tool.verbose) command.emplace_back("--verbose");
+  command.push_back(plugin);
+  command.push_back("ssd=" + options.group.ssd);
+  for (const std::string& path : options.group.disks) command.push_back("disk=" + path);
+  command.push_back(options.component.empty() ? "serve=" + disk : "component=" + options.component);
+  // Where the keys are, not what they are: arguments are for all to see.
+  for (const std::string& keyFile : tool.keyFiles) command.push_back("key-file=" + keyFile);
+  if (options.group.skipUnmountCheck) command.emplace_back("skip-unmount-check=true");
+  return command;
+}
+
+/// In the child: becomes nbdkit, which finds the listening socket by the convention for started services.
+[[noreturn]] void BecomeServer(std::vector<std::string>& command, int listening) {
+  std::vector<char*> arguments;
+  for (std::string& argument : command) arguments.push_back(argument.data());
+  arguments.push_back(nullptr);
+  const int flags = listening == kFirstPassedFd ? fcntl(listening, F_SETFD, 0) : dup2(listening, kFirstPassedFd);
+  if (flags >= 0 && setenv("LISTEN_FDS", "1", 1) == 0 &&
+      setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1) == 0) {
+    execvp(arguments[0], arguments.data());
+  }
+  std::fprintf(stderr, "kab: nbdkit: %s\n", std::strerror(errno));
+  _exit(kCannotStart);
+}
+
+/// SIGINT, SIGTERM and SIGCHLD wait to be taken one by one, so that none comes in between.
+class TakenSignals {
+ public:
+  TakenSignals() {
+    signal(SIGCHLD, SIG_DFL);  // a caller may have left it ignored: a child's end would then be lost
+    sigemptyset(&set_);
+    for (const int number : {SIGINT, SIGTERM, SIGCHLD}) sigaddset(&set_, number);
+    sigprocmask(SIG_BLOCK, &set_, &old_);
+  }
+  ~TakenSignals() { Restore(); }
+  TakenSignals(const TakenSignals&) = delete;
+  TakenSignals& operator=(const TakenSignals&) = delete;
+
+  void Restore() const { sigprocmask(SIG_SETMASK, &old_, nullptr); }
+  /// The next one; -1 when none comes in time.
+  int Next(const timespec* atMost) const { return sigtimedwait(&set_, nullptr, atMost); }
+
+ private:
+  sigset_t set_;
+  sigset_t old_;
+};
+
+/// Serves until a signal or until nbdkit ends by itself, which is a failure.
+void Serve(std::vector<std::string> command, const Listener& listener) {
+  // nbdkit waits for clients to leave, which may be never. There is nothing to lose: it only reads.
+  constexpr timespec kGrace = {1, 0};
+  const TakenSignals signals;
+  StopIfInterrupted();
+  const pid_t child = fork();
+  if (child < 0) throw SystemFailure("fork", errno);
+  if (child == 0) {
+    signals.Restore();
+    BecomeServer(command, listener.fd());
+  }
+  bool stopped = false;
+  int status = 0;
+  while (waitpid(child, &status, WNOHANG) != child) {
+    const int number = signals.Next(stopped ? &kGrace : nullptr);
+    if (number == SIGINT || number == SIGTERM) {
+      stopped = true;
+      kill(child, SIGTERM);
+    } else if (number < 0 && errno == EAGAIN) {
+      kill(child, SIGKILL);
+    }
+  }
+  if (stopped || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) return;
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotStart) throw Failure(Exit::kError, "");
+  throw Failure(Exit::kError, WIFEXITED(status) ? fmt::format("nbdkit ended with status {}", WEXITSTATUS(status))
+                                                : fmt::format("nbdkit ended by signal {}", WTERMSIG(status)));
+}
+
+struct Export {
+  std::string disk;
+  uint64_t size;
+  bool whole;
+};
+
+/// Opens everything once before nbdkit does, so that what is wrong gets this tool's own line and exit status.
+Export Try(Tool& tool, const Options& options) {
+  Group group(tool, options.group);
+  KABDiskCtx* disk = options.component.empty() ? group.Chosen() : nullptr;
+  if (disk != nullptr && disk->group == nullptr) ViewOfDisk(disk);
+  ReplayLog(group);
+  if (disk != nullptr) return {disk->uuidText, ViewOfDisk(disk)->size(), true};
+  const Component component = FindComponent(group, options.component);
+  const std::unique_ptr<View> view = ViewOfComponent(group, component);
+  return {component.disk->uuidText, view->size(), view->whole()};
+}
+
+Exit Run(Tool& tool, const Options& options) {
+  if (options.socket.empty() == (options.port < 0)) throw Failure(Exit::kUsage, "serve: needs --socket or --port");
+  if (!options.component.empty() && !options.group.disk.empty()) {
+    throw Failure(Exit::kUsage, "--disk and --component exclude each other");
+  }
+  const std::string plugin = PluginPath();
+  const Export served = Try(tool, options);
+  const Listener listener(options);
+  if (tool.json) {
+    Json object = Tool::Header("serve");
+    object["uri"] = listener.uri();
+    object["disk"] = served.disk;
+    object["component"] = options.component.empty() ? Json(nullptr) : Json(options.component);
+    object["size"] = served.size;
+    Tool::PrintJson(object);
+  } else {
+    Tool::Print(fmt::format("{}\n", listener.uri()));
+  }
+  std::fflush(stdout);
+  Serve(Command(tool, options, plugin, served.disk), listener);
+  return served.whole ? Exit::kClean : Exit::kDamageIncomplete;
+}
+
+}  // namespace
+
+void AddServe(CLI::App& app, Tool& tool) {
+  auto options = std::make_shared<Options>();
+  CLI::App* command = AddCommand(app, tool, "serve", "Serve a disk or a component over NBD, read-only", kDetails,
+                                 [&tool, options] { return Run(tool, *options); });
+  command->add_option("-s,--socket", options->socket, "a Unix socket to make");
+  command->add_option("-p,--port", options->port, "a port of 127.0.0.1, 0 for a free one")->check(CLI::Range(0, 65535));
+  command->add_option("-c,--component", options->component, "UUID of a component to serve in place of a disk");
+  AddDiskChoice(command, options->group);
+  AddGroupOptions(command, options->group);
+}
+
+}  // namespace tool
