@@ -35,6 +35,7 @@ class Manners(unittest.TestCase):
         for layout in "log", "orlo", "dedup":
             cls.run_kab(cls.shared, "sample", "--layout", layout, layout)
         cls.run_kab(cls.shared, "dump", "-o", "whole.kabdump", "-r", "0:", *LOG[:1])
+        cls.run_kab(cls.shared, "dump", "--all-disks", "-o", "set", *ORLO)
         listed = json_lines.parse(cls.run_kab(cls.shared, "component", "list", "--json", *ORLO).stdout)[1:]
         uuid = next(line["uuid"] for line in listed if line["hasSuperblock"])
         cls.commands = [
@@ -47,10 +48,11 @@ class Manners(unittest.TestCase):
             Command("component", "map", "-u", uuid, *ORLO),
             Command("component", "read", "-u", uuid, "-o", "NEW", *ORLO, json=False, reads=True),
             Command("dump", "-o", "NEW", "-r", "0:", *LOG[:1], reads=True),
-            Command("verify", "whole.kabdump", reads=True),
-            Command("extract", "whole.kabdump", "NEW", reads=True), Command("sample", "NEW"),
-            Command("diff", "whole.kabdump", LOG[0], reads=True), Command("map", *DEDUP, reads=True),
-            Command("map", *ORLO, reads=True)]
+            Command("dump", "--all-disks", "-o", "NEW", *ORLO, reads=True),
+            Command("verify", "whole.kabdump", reads=True), Command("verify", "set"),
+            Command("extract", "whole.kabdump", "NEW", reads=True), Command("extract", "set", "NEW"),
+            Command("diff", "whole.kabdump", *LOG[:1], reads=True), Command("diff", "set", *ORLO),
+            Command("sample", "NEW"), Command("map", *DEDUP, reads=True), Command("map", *ORLO, reads=True)]
         cls.commands = [command for command in cls.commands
                         if cls.run_kab(cls.shared, command.words[0], "--help").returncode == 0]
 

@@ -29,9 +29,9 @@ void ForEachSource(const KABDiskCtx& disk, const Range& range, const std::functi
   const uint64_t shift = mode == 2 ? static_cast<uint64_t>(disk.devIdx) << kDevIdxShift : 0;
   const auto backing = [&](uint64_t offset, uint64_t length) {
     if (mode == 0) {
-      take({offset, length, "disk", true, disk.dataOffset + offset});
+      take({offset, length, "disk", true, false, disk.dataOffset + offset});
     } else {
-      take({offset, length, "dedup layer", false, 0});
+      take({offset, length, "dedup layer", false, false, 0});
     }
   };
   uint64_t key = range.offset + shift;
@@ -53,9 +53,9 @@ void ForEachSource(const KABDiskCtx& disk, const Range& range, const std::functi
     const uint64_t piece = std::min(found->start + found->length - key, remaining);
     const uint64_t address = found->address + (key - found->start);
     if (IsZeroWrite(*disk.group, address, piece)) {
-      take({key - shift, piece, "zero write", false, 0});
+      take({key - shift, piece, "zero write", false, false, 0});
     } else {
-      take({key - shift, piece, "write buffer", true, disk.dataOffset + address});
+      take({key - shift, piece, "write buffer", true, true, disk.dataOffset + address});
     }
     key += piece;
     remaining -= piece;

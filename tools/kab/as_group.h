@@ -14,6 +14,7 @@ struct Piece {
   uint64_t length;
   const char* source;  // "write buffer", "zero write", "dedup layer" or "disk"
   bool placed;         // whether `place` tells something: not for zero writes and the dedup layer
+  bool onSsd;          // in the write buffer
   uint64_t place;      // byte offset on the SSD or on the disk
 };
 

@@ -12,6 +12,7 @@
   X(Dump)               \
   X(Verify)             \
   X(Extract)            \
+  X(Diff)               \
   X(Check)              \
   X(Log)                \
   X(Component)          \

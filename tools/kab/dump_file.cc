@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <memory>
 
 #include "kab/core.h"
@@ -31,6 +32,7 @@ struct Running {
   uint64_t dataBytes = 0;
   bool sinkFailed = false;
   int sinkError = 0;
+  std::exception_ptr thrown{};  // by the sink: nothing is thrown through the library
 };
 Running* running = nullptr;
 
@@ -40,13 +42,16 @@ uint32_t OnRecord(uint32_t /*targetFd*/, void* data, uint32_t length, uint64_t o
   };
   const std::unique_ptr<void, FreeBlock> owned(data);
   if (Interrupted()) return KAB_GENERAL_FAILURE;
-  if (*running->sink) {
+  try {
     errno = 0;
-    if (!(*running->sink)(data, length, offset)) {
+    if (*running->sink && !(*running->sink)(data, length, offset)) {
       running->sinkFailed = true;
       running->sinkError = errno != 0 ? errno : ENOSPC;  // a short write that did not say why
       return KAB_IO_ERROR;
     }
+  } catch (...) {
+    running->thrown = std::current_exception();
+    return KAB_GENERAL_FAILURE;
   }
   running->records++;
   running->dataBytes += length;
@@ -70,8 +75,15 @@ const char* VerdictName(Verdict::Kind kind) {
       return "broken";
     case Verdict::kDigestMismatch:
       return "digest-mismatch";
+    case Verdict::kMissing:
+      return "missing";
   }
   return "broken";
+}
+
+Exit ExitOf(const Verdict& verdict) {
+  if (verdict.kind == Verdict::kIntact) return Exit::kClean;
+  return verdict.kind == Verdict::kDigestMismatch ? Exit::kDigest : Exit::kDamage;
 }
 
 DumpFile::DumpFile(const std::string& path) : path_(path) {
@@ -122,13 +134,14 @@ Verdict DumpFile::Replay(Tool& tool, const std::string& task, const Sink& sink) 
   Running state{&sink, &progress};
   running = &state;
   tool.log.Forget();
-  const uint32_t status = KABExtractDumpToDisk(static_cast<uint32_t>(fd_), UINT32_MAX, 0, OnRecord);
+  const uint32_t status = KABVerifyAndExtractDump(static_cast<uint32_t>(fd_), UINT32_MAX, 0, OnRecord);
   std::fflush(tool.log.stream());
   running = nullptr;
   verdict.records = state.records;
   verdict.dataBytes = state.dataBytes;
 
   StopIfInterrupted();
+  if (state.thrown) std::rethrow_exception(state.thrown);
   if (state.sinkFailed) throw SystemFailure("writing the target", state.sinkError);
   // Without a decompression context nothing is replayed, and yet the status may say success.
   if (status == KAB_OUT_OF_MEMORY || tool.log.outOfMemory()) throw Failure(Exit::kMemory, "out of memory");

@@ -23,7 +23,7 @@ struct DumpHeader {
 };
 
 struct Verdict {
-  enum Kind { kIntact, kUnfinished, kNotADump, kForeignVersion, kBroken, kDigestMismatch };
+  enum Kind { kIntact, kUnfinished, kNotADump, kForeignVersion, kBroken, kDigestMismatch, kMissing };
   Kind kind = kIntact;
   std::string reason;      // for people
   uint64_t records = 0;    // replayed
@@ -31,6 +31,8 @@ struct Verdict {
 };
 
 const char* VerdictName(Verdict::Kind kind);
+/// 0, 6 for a digest that does not match, 3 for any other damage.
+Exit ExitOf(const Verdict& verdict);
 
 class DumpFile {
  public:
@@ -44,7 +46,7 @@ class DumpFile {
   /// Magic and version.
   Verdict JudgeHeader() const;
 
-  /// Writes a record's data; false with errno set when it could not.
+  /// Writes a record's data; false with errno set when it could not. What it throws ends the replay.
   using Sink = std::function<bool(const void* data, uint32_t length, uint64_t offset)>;
   /// Judges the header, then every record and the digest. `sink` may be empty. Throws a Failure for errors that tell
   /// nothing about the dump: reading it, the sink, memory, an interruption.

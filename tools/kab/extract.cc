@@ -1,4 +1,4 @@
-// kab extract DUMP TARGET: lay a dump's ranges onto an image or a device.
+// kab extract DUMP TARGET: lay a dump's ranges onto an image or a device, a set's onto a folder of images.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -6,11 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <memory>
-#include <optional>
 
 #include "commands.h"
 #include "dump_file.h"
+#include "dump_set.h"
 #include "kab/core.h"
 #include "kab/dump.h"
 #include "out_file.h"
@@ -22,12 +23,15 @@ constexpr const char* kDetails =
     "A new image is as long as the dumped disk, holds the dumped ranges, and is empty elsewhere. It is written under\n"
     "another name and gets its own when it is whole. --force replaces an existing image the same way; --in-place\n"
     "writes the ranges onto an existing image or device and leaves the rest alone.\n\n"
+    "Of a set, a folder, TARGET is a new folder with ssd.img, disk0.img ... as they sit in the group's slots. It gets\n"
+    "its name when all of them are whole.\n\n"
     "The dump is verified first, before anything is written. With --no-verify it is read once only; a digest that\n"
     "turns out wrong still keeps a new image from appearing.\n\n"
     "Exit status: 0; 6 when the digest does not match; 4 when the dump is broken or unfinished.\n\n"
     "Examples:\n"
     "  kab extract disk0.kabdump disk0-copy.img\n"
-    "  kab extract --in-place disk0.kabdump /dev/sdx\n";
+    "  kab extract --in-place disk0.kabdump /dev/sdx\n"
+    "  kab extract before group-copy\n";
 
 struct Options {
   std::string dump;
@@ -72,18 +76,25 @@ DumpFile::Sink WriteTo(int fd) {
   };
 }
 
+using Replay = std::function<Verdict(const DumpFile::Sink& sink)>;
+
+// Makes `file`, which is `name` to people.
+Verdict WriteImage(const std::string& file, const std::string& name, uint64_t size, const Replay& replay) {
+  Descriptor image(open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (image.get() < 0) throw SystemFailure(name, errno);
+  if (size > INT64_MAX || ftruncate(image.get(), static_cast<off_t>(size)) != 0) {
+    throw SystemFailure(fmt::format("{}: sizing it to {} bytes", name, size), size > INT64_MAX ? EFBIG : errno);
+  }
+  Verdict verdict = replay(WriteTo(image.get()));
+  if (verdict.kind == Verdict::kIntact) image.CloseSynced(name);
+  return verdict;
+}
+
 Verdict ExtractNew(Tool& tool, const Options& options, const DumpFile& dump) {
   PendingName pending(options.target, options.force);
-  Descriptor file(open(pending.name().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-  if (file.get() < 0) throw SystemFailure(options.target, errno);
-  const uint64_t size = dump.header().diskSize;
-  if (size > INT64_MAX || ftruncate(file.get(), static_cast<off_t>(size)) != 0) {
-    throw SystemFailure(fmt::format("{}: sizing it to {} bytes", options.target, size),
-                        size > INT64_MAX ? EFBIG : errno);
-  }
-  Verdict verdict = dump.Replay(tool, "extract", WriteTo(file.get()));
+  Verdict verdict = WriteImage(pending.name(), options.target, dump.header().diskSize,
+                               [&](const DumpFile::Sink& sink) { return dump.Replay(tool, "extract", sink); });
   Require(verdict, options.dump, fmt::format("{} was not made", options.target));
-  file.CloseSynced(options.target);
   pending.Commit();
   return verdict;
 }
@@ -111,8 +122,7 @@ Verdict ExtractInPlace(Tool& tool, const Options& options, const DumpFile& dump)
   }
 }
 
-Exit Run(Tool& tool, const Options& options) {
-  RefuseInput(options.target, {options.dump});
+Exit ExtractFile(Tool& tool, const Options& options) {
   struct stat info;
   const bool exists = stat(options.target.c_str(), &info) == 0;
   const bool device = exists && S_ISBLK(info.st_mode);
@@ -151,14 +161,87 @@ Exit Run(Tool& tool, const Options& options) {
   return Exit::kClean;
 }
 
+// A set with its dumps open, every one of them as the manifest says by its header.
+class OpenSet {
+ public:
+  OpenSet(const std::string& path, const std::string& extent) : set_(path) {
+    Require(set_.verdict(), path, extent);
+    for (const SetMember& member : set_.members()) {
+      dumps_.emplace_back();
+      Require(set_.Open(member, &dumps_.back()), set_.PathOf(member), extent);
+    }
+  }
+
+  /// Calls `take` for every dump; one that is not intact ends the command.
+  void ForEach(Tool& tool, const std::string& task, const std::string& extent,
+               const std::function<Verdict(const SetMember&, const Replay&)>& take) const {
+    for (size_t i = 0; i < dumps_.size(); ++i) {
+      const SetMember& member = set_.members()[i];
+      const Verdict verdict =
+          take(member, [&](const DumpFile::Sink& sink) { return set_.Replay(tool, member, *dumps_[i], task, sink); });
+      Require(verdict, set_.PathOf(member), extent);
+    }
+  }
+
+ private:
+  DumpSet set_;
+  std::vector<std::unique_ptr<DumpFile>> dumps_;
+};
+
+Exit ExtractSet(Tool& tool, const Options& options) {
+  if (options.inPlace || options.force) {
+    throw Failure(Exit::kUsage, "a set is extracted to a new folder: --in-place and --force are for its single dumps");
+  }
+  if (Exists(options.target)) throw Failure(Exit::kUsage, fmt::format("{} exists", options.target));
+  const std::string extent = fmt::format("{} was not made", options.target);
+  const OpenSet set(options.dump, extent);
+  if (!options.noVerify) {
+    set.ForEach(tool, "verify", extent, [](const SetMember&, const Replay& replay) { return replay({}); });
+  }
+  PendingName pending(options.target, false);
+  if (mkdir(pending.name().c_str(), 0777) != 0) throw SystemFailure(options.target, errno);
+  Json images = Json::array();
+  std::string text;
+  set.ForEach(tool, "extract", extent, [&](const SetMember& member, const Replay& replay) {
+    const std::string name = member.Stem() + ".img";
+    const Verdict verdict = WriteImage(pending.name() + "/" + name, options.target + "/" + name, member.size, replay);
+    images.push_back({{"target", options.target + "/" + name},
+                      {"uuid", member.uuid},
+                      {"size", member.size},
+                      {"recordsWritten", verdict.records},
+                      {"dataBytes", verdict.dataBytes}});
+    text += fmt::format("{}/{}: {} records, {} of disk {} written\n", options.target, name, verdict.records,
+                        HumanBytes(verdict.dataBytes), member.uuid);
+    return verdict;
+  });
+  Synchronise(pending.name());
+  pending.Commit();
+  if (tool.json) {
+    Json object = Tool::Header("extract");
+    object["dump"] = options.dump;
+    object["target"] = options.target;
+    object["images"] = std::move(images);
+    Tool::PrintJson(object);
+  } else if (!tool.quiet) {
+    Tool::Print(text);
+  }
+  return Exit::kClean;
+}
+
+Exit Run(Tool& tool, const Options& options) {
+  RefuseInput(options.target, {options.dump});
+  return DumpSet::IsSet(options.dump) ? ExtractSet(tool, options) : ExtractFile(tool, options);
+}
+
 }  // namespace
 
 void AddExtract(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   CLI::App* command = AddCommand(app, tool, "extract", "Write a dump's ranges onto an image or a device", kDetails,
                                  [&tool, options] { return Run(tool, *options); });
-  command->add_option("DUMP", options->dump, "the dump file")->required();
-  command->add_option("TARGET", options->target, "the image to make, or with --in-place the disk to write onto")
+  command->add_option("DUMP", options->dump, "the dump file, or a folder that holds a set")->required();
+  command
+      ->add_option("TARGET", options->target, "the image or folder to make, or with --in-place the disk to write onto")
       ->required();
   command->add_flag("--no-verify", options->noVerify, "do not read the dump once before writing");
   command->add_flag("-f,--force", options->force, "replace an existing image; write onto a device");

@@ -49,6 +49,7 @@ LogEnd WalkLog(KABDiskCtx* ssd, LogKind kind, const TakeBlock& take) {
     uint64_t offset = 0;
     end.status = next(ssd, end.blocks == 0 ? nullptr : current.data(), following.data(), &offset);
     if (end.status == KAB_END_OF_LOG) {
+      if (offset != 0) end.endOffset = offset;
       end.reason = offset != 0 ? EndReason(ssd, following.data()) : end.blocks == 0 ? "it is empty" : "nothing follows";
       return end;
     }

@@ -17,6 +17,7 @@ inline const char* LogName(LogKind kind) { return kind == LogKind::kPlog ? "PLOG
 struct LogEnd {
   uint64_t blocks = 0;
   std::optional<uint64_t> lastOffset;  // byte offset of the last block on the SSD
+  std::optional<uint64_t> endOffset;   // of a block behind it that was read and found not to follow
   std::string reason;
   uint32_t status = KAB_END_OF_LOG;  // anything else: the walk broke off
   bool cycle = false;                // the chain returned to blocks already walked

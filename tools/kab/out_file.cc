@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 
 #include "tool.h"
 
@@ -22,6 +24,15 @@ void RefuseExisting(const std::string& path, bool force) {
   const bool stream = stat(path.c_str(), &info) == 0 && (S_ISCHR(info.st_mode) || S_ISFIFO(info.st_mode));
   if (!force && !stream && Exists(path))
     throw Failure(Exit::kUsage, fmt::format("{} exists; --force replaces it", path));
+}
+
+void Synchronise(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw SystemFailure(path, errno);
+  const int result = fsync(fd);
+  const int error = errno;
+  close(fd);
+  if (result != 0) throw SystemFailure(path, error);
 }
 
 void RefuseInput(const std::string& output, const std::vector<std::string>& inputs) {
@@ -42,7 +53,8 @@ PendingName::PendingName(std::string path, bool force)
 }
 
 PendingName::~PendingName() {
-  if (!committed_) unlink(name_.c_str());
+  std::error_code ignored;
+  if (!committed_) std::filesystem::remove_all(name_, ignored);
 }
 
 void PendingName::Commit() {

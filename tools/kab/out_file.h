@@ -8,7 +8,7 @@
 
 namespace tool {
 
-/// A name beside `path` that becomes `path` at Commit; without that, whatever lies under it is removed.
+/// A name beside `path` that becomes `path` at Commit; without that, the file or folder under it is removed.
 class PendingName {
  public:
   /// A usage failure when `path` exists and `force` is not set.
@@ -30,6 +30,8 @@ class PendingName {
 /// Fails when `path` exists and something would be lost by writing there, unless `force`.
 void RefuseExisting(const std::string& path, bool force);
 bool Exists(const std::string& path);
+/// Brings a file, or the names in a folder, to stable storage.
+void Synchronise(const std::string& path);
 /// Fails, whatever is forced, when an output is one of the command's inputs under any name.
 void RefuseInput(const std::string& output, const std::vector<std::string>& inputs);
 

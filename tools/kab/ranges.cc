@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
 
@@ -74,6 +75,21 @@ std::vector<Range> RangeArguments(const std::vector<std::string>& texts, uint64_
   ranges.reserve(texts.size());
   for (const std::string& text : texts) ranges.push_back(RangeArgument(text, limit));
   return ranges;
+}
+
+std::vector<Range> Merged(std::vector<Range> ranges) {
+  std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.offset < b.offset; });
+  std::vector<Range> merged;
+  for (const Range& range : ranges) {
+    if (range.length == 0) continue;
+    if (merged.empty() || merged.back().offset + merged.back().length < range.offset) {
+      merged.push_back(range);
+    } else {
+      Range& last = merged.back();
+      last.length = std::max(last.length, range.offset + range.length - last.offset);
+    }
+  }
+  return merged;
 }
 
 uint64_t TotalLength(const std::vector<Range>& ranges) {
