@@ -14,7 +14,8 @@
   X(Extract)            \
   X(Check)              \
   X(Log)                \
-  X(Component)
+  X(Component)          \
+  X(Map)
 
 namespace tool {
 
