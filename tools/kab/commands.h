@@ -16,6 +16,7 @@
   X(Check)              \
   X(Log)                \
   X(Component)          \
+  X(Map)                \
   X(Serve)
 
 namespace tool {
