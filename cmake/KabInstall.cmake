@@ -33,7 +33,8 @@ endif()
 configure_file(cmake/kab.pc.in ${PROJECT_BINARY_DIR}/kab.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kab.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-install(FILES README.md docs/architecture.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(FILES docs/man/kab-dump.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT tool)
+install(FILES README.md docs/architecture.md docs/formats.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY python/kab DESTINATION ${KAB_PYTHON_DIR} COMPONENT python
   FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)

@@ -1,23 +1,28 @@
 #!/usr/bin/env python3
-"""docs/formats.md says what the sources say.
+"""docs/formats.md and kab-dump(5) say what the sources say.
 
-formats_test.py DOCUMENT --source SOURCE --compiler CXX   compiles and runs every table against its header, compares
-                                                          every drawing with its table
-formats_test.py DOCUMENT --update                         draws anew
+formats_test.py DOCUMENT --man PAGE --source SOURCE --compiler CXX
+    compiles and runs every table against its header, compares every drawing with its table
+formats_test.py DOCUMENT --update
+    draws anew
 
 A table stands behind a marker: struct (members and their offsets), offsets (constants that are offsets), bits (of a
 packed record) or values (constants), then the header, the type or namespace, and the size in bytes where it has one.
 """
 
 import argparse
+import hashlib
 import pathlib
 import re
+import struct
 import subprocess
 import sys
 import tempfile
+import zlib
 
 MARKER = re.compile(r"<!-- (struct|offsets|bits|values) (\S+) (\S+)(?: (\d+))? -->\n")
 DRAWING = re.compile(r"```\n.*?```\n\n", re.DOTALL)
+MAN_TABLE = re.compile(r'\.\\" struct (\S+) (\S+) (\d+)\n\.TS\n(?:.*\n){4}((?:\d.*\n)+)\.TE\n')
 WIDTH = 118
 # How the bytes of a packed record become its fields.
 DECODE = {
@@ -99,6 +104,11 @@ def parse(text):
     return tables
 
 
+def parse_man(text):
+    for header, name, size, lines in MAN_TABLE.findall(text):
+        yield Table("struct", header, name, size, [line.split(";") for line in lines.splitlines()])
+
+
 def redraw(text):
     bare = re.sub(r"(<!-- (?:struct|offsets|bits) [^\n]*-->\n)```\n.*?```\n\n", r"\1", text, flags=re.DOTALL)
 
@@ -145,10 +155,26 @@ def program(tables):
     return "\n".join(lines) + "\n"
 
 
+def example_fails(page, folder):
+    """The page's own reader, run on a dump made by hand."""
+    stream = struct.pack("<QI", 3145728, 5) + b"bytes"
+    digest = hashlib.sha256(stream)
+    header = struct.pack("<IIQQQQ", 0xCC0000CC, 1, 1, 1 << 25, len(stream), 0) + digest.digest()
+    pathlib.Path(folder, "disk0.kabdump").write_bytes(header.ljust(4096, b"\0") + zlib.compress(stream))
+    example = re.search(r"\.EX\n(python3.*?)\.EE", page, flags=re.DOTALL).group(1)
+    command = example.replace("\\(aq", "'").replace("\\-", "-")
+    run = subprocess.run(["sh", "-c", command], cwd=folder, capture_output=True, text=True, check=False)
+    if run.stdout.split()[:1] == [digest.hexdigest()]:
+        return False
+    print(f"the page's example says {run.stdout!r} {run.stderr!r}")
+    return True
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("document", type=pathlib.Path)
     parser.add_argument("--update", action="store_true")
+    parser.add_argument("--man", type=pathlib.Path)
     parser.add_argument("--source", type=pathlib.Path)
     parser.add_argument("--compiler")
     args = parser.parse_args()
@@ -162,6 +188,15 @@ def main():
     if len(tables) < 30:
         print(f"{args.document} has only {len(tables)} tables that can be read")
         failed = True
+    page = list(parse_man(args.man.read_text()))
+    if {table.name for table in page} != {"kab::dump::Header", "kab::dump::RecordHead"}:
+        print(f"{args.man} lacks a table that can be read")
+        failed = True
+    for told in page:
+        drawn = next(table for table in tables if table.name == told.name)
+        if [row[:3] for row in told.rows] != [[at, length, name.strip("`")] for at, length, name, _ in drawn.rows]:
+            print(f"{args.man} and {args.document} differ on {told.name}")
+            failed = True
     for name in missing(tables, args.source):
         print(f"{args.document} does not have {name}")
         failed = True
@@ -169,8 +204,9 @@ def main():
         print(f"a drawing differs from its table: {sys.argv[0]} {args.document} --update")
         failed = True
     with tempfile.TemporaryDirectory() as folder:
+        failed |= example_fails(args.man.read_text(), folder)
         file = pathlib.Path(folder, "formats.cc")
-        file.write_text(program(tables))
+        file.write_text(program(tables + page))
         built = f"{folder}/formats"
         includes = [f"-I{args.source}/src", f"-I{args.source}/include"]
         if subprocess.run([args.compiler, "-std=c++20", *includes, str(file), "-o", built], check=False).returncode:
