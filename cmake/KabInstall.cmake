@@ -38,3 +38,10 @@ install(FILES README.md docs/architecture.md docs/formats.md DESTINATION ${CMAKE
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY python/kab DESTINATION ${KAB_PYTHON_DIR} COMPONENT python
   FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
+
+# cmake --build build --target package: all of it as a tarball that may be unpacked anywhere.
+set(CPACK_GENERATOR TXZ)
+set(CPACK_PACKAGE_FILE_NAME kab-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+include(CPack)
