@@ -11,8 +11,8 @@ configure_file(docs/Doxyfile.in ${KAB_DOC_DIR}/Doxyfile @ONLY)
 file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/kab/*.h)
 add_custom_command(OUTPUT ${KAB_DOC_DIR}/man3/libkab.3
   COMMAND Doxygen::doxygen ${KAB_DOC_DIR}/Doxyfile
-  COMMAND Python3::Interpreter ${PROJECT_SOURCE_DIR}/scripts/header-pages ${KAB_DOC_DIR}/xml ${KAB_DOC_DIR}/man3
-    ${PROJECT_VERSION}
+  COMMAND Python3::Interpreter ${PROJECT_SOURCE_DIR}/scripts/header-pages ${KAB_DOC_DIR}/xml
+    ${PROJECT_SOURCE_DIR}/include/kab ${KAB_DOC_DIR}/man3 ${PROJECT_VERSION}
   DEPENDS ${headers} ${KAB_DOC_DIR}/Doxyfile ${PROJECT_SOURCE_DIR}/scripts/header-pages
   COMMENT "Making libkab(3)" VERBATIM)
 add_custom_target(doc ALL DEPENDS ${KAB_DOC_DIR}/man3/libkab.3)

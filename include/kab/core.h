@@ -85,8 +85,8 @@ KAB_API void KABExprFree(uint64_t owner, void *block);
 /**
  * zlib's allocation hook over KABAlloc.
  *
- * @param opaque  ignored.
- * @param items,  size  multiplied in 32 bits: the product wraps.
+ * @param opaque      ignored.
+ * @param items,size  multiplied in 32 bits: the product wraps.
  * @return a zero-filled block, or null when memory is exhausted.
  */
 KAB_API void *KABCompressAlloc(void *opaque, uint32_t items, uint32_t size);

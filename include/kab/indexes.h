@@ -197,7 +197,7 @@ KAB_API void Bucketlist_TouchCacheLine(BucketlistCache *cache, int32_t slot);
  * Maps [`start`, `end`) or, when `owner` is all ones, unmaps it. A callback must not use the list.
  *
  * @param list         of 5-word tuples.
- * @param start,       end   bytes; nothing is done, and 0 returned, unless start < end.
+ * @param start,end    bytes; nothing is done, and 0 returned, unless start < end.
  * @param owner        kept with the range; all ones unmaps.
  * @param address      where the first byte lives, in bytes.
  * @param data         kept with the range.

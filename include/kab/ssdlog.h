@@ -159,8 +159,8 @@ KAB_API uint32_t KABSSDLOGCheckAllocMap(KABDiskCtx *ctx, const void *entry);
 /**
  * Gives a context a PLOG state.
  *
- * @param ctx        a disk without a state.
- * @param lbaCache,  lsnCache  key areas of the state's tables; must outlive the state; may be null.
+ * @param ctx                a disk without a state.
+ * @param lbaCache,lsnCache  key areas of the state's tables; must outlive the state; may be null.
  * @return 0; 3 with a line; the result of the LBA table's initialisation with a line.
  */
 KAB_API uint32_t KABSSDLOGInitPLOGState(KABDiskCtx *ctx, BucketlistCache *lbaCache, BucketlistCache *lsnCache);
