@@ -169,11 +169,18 @@ typedef struct BucketlistIterator {
 } BucketlistIterator;
 
 KAB_STATIC_ASSERT(offsetof(Bucketlist, levelHeads) == 0 && offsetof(Bucketlist, height) == 192, "Bucketlist");
+KAB_STATIC_ASSERT(offsetof(Bucketlist, cache) == 200 && offsetof(Bucketlist, stats) == 208 &&
+                      offsetof(Bucketlist, seed) == 240,
+                  "Bucketlist");
 KAB_STATIC_ASSERT(sizeof(BucketlistStats) == 32, "BucketlistStats");
 KAB_STATIC_ASSERT(sizeof(BucketlistKeyArea) == BUCKETLIST_KEY_AREA_SIZE, "BucketlistKeyArea");
 KAB_STATIC_ASSERT(sizeof(BucketlistNode) == BUCKETLIST_NODE_SIZE && offsetof(BucketlistNode, minKey) == 256,
                   "BucketlistNode");
-KAB_STATIC_ASSERT(sizeof(BucketlistIterator) == 56, "BucketlistIterator");
+KAB_STATIC_ASSERT(offsetof(BucketlistNode, level) == 200 && offsetof(BucketlistNode, firstTuple) == 208 &&
+                      offsetof(BucketlistNode, keyArea) == 264 && offsetof(BucketlistNode, refCount) == 294,
+                  "BucketlistNode");
+KAB_STATIC_ASSERT(sizeof(BucketlistIterator) == 56 && offsetof(BucketlistIterator, payload) == 24,
+                  "BucketlistIterator");
 
 /** One range of a range map, as its Bucketlist tuple: the key is the exclusive end. */
 typedef struct ZOLTRangeTuple {
