@@ -206,8 +206,8 @@ TEST_F(RangeMap, StaysWholeWhenMemoryIsShort) {
       Model model;
       std::mt19937_64 random(8);
       uint32_t failed = 0;
-      for (uint32_t i = 0; i < 5000; ++i) {
-        const uint64_t start = random() % 30000;
+      for (uint32_t i = 0; i < 3000; ++i) {
+        const uint64_t start = random() % 15000;
         const Range fresh{start, start + 1 + random() % (random() % 200 == 0 ? 5000 : 8), random() % 8 == 0 ? kNone : i,
                           i * 512, 0};
         kab_test::FailAllocations(2 + i % 3);
