@@ -213,8 +213,8 @@ KAB_API void ZOLTLbaTable_Destroy(ZOLTLbaTable *table);
  * @param start    byte offset.
  * @param length   not consulted.
  * @param extents  packed, little-endian: u16 count, then count times u64 start sector and u16 sectors of 512 bytes;
- *                 any alignment. An extent whose address or end leaves 64 bits is dropped, as is one for which memory runs
- *                 out.
+ *                 any alignment. An extent whose address or end leaves 64 bits is dropped, as is one that finds no
+ *                 memory.
  */
 KAB_API void ZOLTLbaTable_Insert(ZOLTLbaTable *table, uint64_t start, uint64_t length, uint64_t owner,
                                  const void *extents, uint64_t data, ZOLTRangeDisplacedFn callback,
