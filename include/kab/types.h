@@ -100,6 +100,7 @@ typedef struct Bucketlist Bucketlist;
 typedef struct BucketlistNode BucketlistNode;
 typedef struct BucketlistCompressedBuffer BucketlistCompressedBuffer;
 typedef struct BucketlistDirectory BucketlistDirectory;
+typedef struct BucketlistKeyAreas BucketlistKeyAreas;
 
 /** Keys and payloads of one node: the payload of the entry in key slot i is payload slot i. */
 typedef struct BucketlistKeyArea {
@@ -127,7 +128,8 @@ typedef struct BucketlistStats {
   uint32_t numNodes;          /**< nodes now allocated */
   uint32_t cachedNodes;       /**< nodes that hold a cache slot */
   uint32_t compressedBuffers; /**< compressed buffers now allocated */
-  uint32_t counters[5];       /**< the list's own */
+  uint32_t mappedBlocks;      /**< blocks of 2 MiB mapped for key areas */
+  uint32_t counters[4];       /**< unused */
 } BucketlistStats;
 
 /** Head of a Bucketlist; the level heads are laid out like a node's forward links. */
@@ -141,6 +143,7 @@ struct Bucketlist {
   uint32_t unsortedSteps;         /**< iterator steps in unsorted nodes since the last insertion */
   uint32_t shiftCredit;           /**< insertions that have not yet paid for moving entries to predecessors */
   BucketlistDirectory *directory; /**< the nodes' min keys side by side; null: the skip list alone answers */
+  BucketlistKeyAreas *keyAreas;   /**< where nodes without a cache have their key areas from */
 };
 
 struct BucketlistNode {

@@ -10,6 +10,7 @@
 #include "plinth/panic.h"
 #include "zoltcommon/ds/bucketlist_directory.h"
 #include "zoltcommon/ds/bucketlist_node.h"
+#include "zoltcommon/ds/key_areas.h"
 
 #define PLINTH_ASSERT_TEXT(condition, text)                                                                   \
   do {                                                                                                        \
@@ -453,6 +454,7 @@ void Bucketlist_Destroy(Bucketlist* list) {
   std::memset(list->levelHeads, 0, sizeof list->levelHeads);
   list->height = 0;
   DirectoryFree(list);
+  FreeKeyAreas(list);
 }
 
 uint32_t Bucketlist_Insert(Bucketlist* list, const uint64_t* tuple) {

@@ -16,6 +16,7 @@
 namespace {
 
 using Tuple = std::array<uint64_t, 5>;
+using kab_test::FailAllocationAt;
 using kab_test::FailAllocations;
 
 constexpr uint32_t kNoEntry = 2;
@@ -394,6 +395,37 @@ TEST(Bucketlist, EqualKeysStayTogether) {
   }
   EXPECT_EQ(found, (std::vector<std::pair<uint64_t, uint64_t>>{{1, 100}, {3, 100}, {4, 7}, {4, 7}, {4, 7}, {9, 100}}));
   Bucketlist_Destroy(&list);
+}
+
+TEST(Bucketlist, LongListsCutKeyAreasOutOfMappedBlocks) {
+  constexpr uint64_t kSingle = 51 * 1024;  // entries of the nodes whose key areas are allocated one by one
+  Bucketlist list;
+  Bucketlist_Init(&list, nullptr, 5);
+  Fill(&list, 0, kSingle + 1);
+  EXPECT_EQ(list.stats.mappedBlocks, 0U);
+  const Tuple next{kSingle + 1};
+  FailAllocationAt(1);  // the block of the last node's key area
+  EXPECT_EQ(Bucketlist_Insert(&list, next.data()), kNoMemory);
+  EXPECT_EQ(list.stats.mappedBlocks, 0U);
+  FailAllocations(0);
+  Fill(&list, kSingle + 1, kSingle - 1);
+  EXPECT_EQ(list.stats.mappedBlocks, 1U);
+  // Key areas of nodes that went are used again.
+  BucketlistIterator iter;
+  ASSERT_EQ(Bucketlist_End(&list, &iter), 0U);
+  while (iter.key > 100) ASSERT_EQ(Bucketlist_DeleteTryMaintainIter(&list, &iter), 0U);
+  EXPECT_EQ(list.stats.numNodes, 1U);
+  Fill(&list, 101, 2 * kSingle - 101);
+  EXPECT_EQ(list.stats.mappedBlocks, 1U);
+  Bucketlist_Validate(&list);
+  uint64_t key = 0;
+  for (uint32_t st = Bucketlist_Begin(&list, &iter); st == 0; st = Bucketlist_Successor(&list, &iter), ++key) {
+    ASSERT_EQ(iter.key, key);
+    ASSERT_EQ(iter.payload[3], key + 4);
+  }
+  EXPECT_EQ(key, 2 * kSingle);
+  Bucketlist_Destroy(&list);
+  EXPECT_EQ(list.stats.mappedBlocks, 0U);
 }
 
 TEST(Bucketlist, ListsShareACache) {
