@@ -2,8 +2,6 @@
 
 #include <sys/mman.h>
 
-#include <cstring>
-
 #include "core/frame/memory.h"
 
 namespace {
@@ -35,7 +33,7 @@ void* MapHugePage() {
 
 struct BucketlistKeyAreas {
   Block* blocks;            // the newest first
-  BucketlistKeyArea* kept;  // free areas, chained through their first words
+  BucketlistKeyArea* kept;  // free areas, chained through their first keys
   uint32_t left;            // areas of the newest block that were never taken
   uint32_t singles;
 };
@@ -70,7 +68,7 @@ BucketlistKeyArea* TakeKeyArea(Bucketlist* list) {
   if (areas == nullptr) return nullptr;
   if (areas->kept != nullptr) {
     BucketlistKeyArea* area = areas->kept;
-    std::memcpy(&areas->kept, area, sizeof areas->kept);
+    areas->kept = reinterpret_cast<BucketlistKeyArea*>(area->keys[0]);
     return area;
   }
   if (areas->left == 0 && !AddBlock(list)) return nullptr;
@@ -78,7 +76,7 @@ BucketlistKeyArea* TakeKeyArea(Bucketlist* list) {
 }
 
 void PutKeyArea(Bucketlist* list, BucketlistKeyArea* area) {
-  std::memcpy(area, &list->keyAreas->kept, sizeof list->keyAreas->kept);
+  area->keys[0] = reinterpret_cast<uintptr_t>(list->keyAreas->kept);
   list->keyAreas->kept = area;
 }
 

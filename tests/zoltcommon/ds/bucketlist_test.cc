@@ -380,7 +380,7 @@ TEST(Bucketlist, ManyTwinsOfAMinKeyKeepTheOrder) {
 TEST(Bucketlist, EqualKeysStayTogether) {
   Bucketlist list;
   Bucketlist_Init(&list, nullptr, 2);
-  for (const uint64_t key : {5, 3, 5, 9, 5, 1}) {
+  for (const uint64_t key : {5U, 3U, 5U, 9U, 5U, 1U}) {
     const Tuple tuple{key, 100};
     ASSERT_EQ(Bucketlist_Insert(&list, tuple.data()), 0U);
   }
