@@ -203,7 +203,8 @@ KAB_API void Bucketlist_TouchCacheLine(BucketlistCache *cache, int32_t slot);
  * @param data         kept with the range.
  * @param callback     told of every piece displaced; may be null.
  * @param callbackArg  the callback's last argument.
- * @return 0, or 12: pieces displaced before the failure stay displaced.
+ * @return 0, or 12: ranges never overlap then, but pieces displaced before the failure stay displaced, and where the
+ *         new range split an old one or cut its upper part off, what lay before `start` may be lost.
  */
 KAB_API uint32_t Rangemap_Insert(Bucketlist *list, uint64_t start, uint64_t end, uint64_t owner, uint64_t address,
                                  uint64_t data, ZOLTRangeDisplacedFn callback, uint64_t callbackArg);
@@ -223,7 +224,8 @@ KAB_API void ZOLTLbaTable_Destroy(ZOLTLbaTable *table);
  * @param length       not consulted.
  * @param owner        kept with each range.
  * @param extents      packed, little-endian: u16 count, then count times u64 start sector and u16 sectors of 512 bytes;
- *                     any alignment. An extent whose address or end leaves 64 bits is dropped.
+ *                     any alignment. An extent whose address or end leaves 64 bits is dropped, as is one that finds no
+ *                     memory.
  * @param data         kept with each range.
  * @param callback     told of every piece displaced; may be null.
  * @param callbackArg  the callback's last argument.

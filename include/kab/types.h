@@ -102,6 +102,7 @@ typedef struct Bucketlist Bucketlist;                                 /**< an or
 typedef struct BucketlistNode BucketlistNode;                         /**< up to 1024 tuples of one */
 typedef struct BucketlistCompressedBuffer BucketlistCompressedBuffer; /**< a piece of a packed key area */
 typedef struct BucketlistDirectory BucketlistDirectory;               /**< the library's own */
+typedef struct BucketlistKeyAreas BucketlistKeyAreas;                 /**< the library's own */
 
 /** Keys and payloads of one node: the payload of the entry in key slot i is payload slot i. */
 typedef struct BucketlistKeyArea {
@@ -130,7 +131,8 @@ typedef struct BucketlistStats {
   uint32_t numNodes;          /**< nodes now allocated */
   uint32_t cachedNodes;       /**< nodes that hold a cache slot */
   uint32_t compressedBuffers; /**< compressed buffers now allocated */
-  uint32_t counters[5];       /**< the list's own */
+  uint32_t mappedBlocks;      /**< blocks of 2 MiB mapped for key areas */
+  uint32_t counters[4];       /**< unused */
 } BucketlistStats;
 
 /** Head of a Bucketlist; the level heads are laid out like a node's forward links. */
@@ -144,6 +146,7 @@ struct Bucketlist {
   uint32_t unsortedSteps;                        /**< iterator steps in unsorted nodes since the last insertion */
   uint32_t shiftCredit;           /**< insertions that have not yet paid for moving entries to predecessors */
   BucketlistDirectory *directory; /**< the nodes' min keys side by side; null: the skip list alone answers */
+  BucketlistKeyAreas *keyAreas;   /**< where nodes without a cache have their key areas from */
 };
 
 /** One node of a Bucketlist; its fields are the list's own. */
@@ -174,11 +177,18 @@ typedef struct BucketlistIterator {
 } BucketlistIterator;
 
 KAB_STATIC_ASSERT(offsetof(Bucketlist, levelHeads) == 0 && offsetof(Bucketlist, height) == 192, "Bucketlist");
+KAB_STATIC_ASSERT(offsetof(Bucketlist, cache) == 200 && offsetof(Bucketlist, stats) == 208 &&
+                      offsetof(Bucketlist, seed) == 240,
+                  "Bucketlist");
 KAB_STATIC_ASSERT(sizeof(BucketlistStats) == 32, "BucketlistStats");
 KAB_STATIC_ASSERT(sizeof(BucketlistKeyArea) == BUCKETLIST_KEY_AREA_SIZE, "BucketlistKeyArea");
 KAB_STATIC_ASSERT(sizeof(BucketlistNode) == BUCKETLIST_NODE_SIZE && offsetof(BucketlistNode, minKey) == 256,
                   "BucketlistNode");
-KAB_STATIC_ASSERT(sizeof(BucketlistIterator) == 56, "BucketlistIterator");
+KAB_STATIC_ASSERT(offsetof(BucketlistNode, level) == 200 && offsetof(BucketlistNode, firstTuple) == 208 &&
+                      offsetof(BucketlistNode, keyArea) == 264 && offsetof(BucketlistNode, refCount) == 294,
+                  "BucketlistNode");
+KAB_STATIC_ASSERT(sizeof(BucketlistIterator) == 56 && offsetof(BucketlistIterator, payload) == 24,
+                  "BucketlistIterator");
 
 /** One range of a range map, as its Bucketlist tuple: the key is the exclusive end. */
 typedef struct ZOLTRangeTuple {
