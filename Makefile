@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
 
-.PHONY: all demo test bench fuzz tidy format format-check install clean
+.PHONY: all demo test bench fuzz tidy format format-check doc deb install clean
 
 all: build/.configured
 	cmake --build build -j $(JOBS)
@@ -45,6 +45,18 @@ format:
 
 format-check:
 	git ls-files '*.cc' '*.h' '*.c' | xargs clang-format-14 --dry-run -Werror
+
+doc:
+	scripts/install-packages test
+	cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release
+	cmake --build build --target doc
+	@cat build/doc/warnings.txt
+	@echo "man -l build/doc/man3/libkab.3"
+
+# Too slow for every change: builds the Debian packages, and installs and tries them in a Debian of their own.
+deb:
+	scripts/install-packages deb
+	scripts/debian-check
 
 install: all
 	cmake --install build --prefix $(PREFIX)

@@ -47,6 +47,9 @@ size_t HeapBytes() {
   return info.uordblks + info.hblkhd;
 }
 
+// What a list maps beside the heap.
+size_t MappedBytes(const Bucketlist& list) { return size_t{list.stats.mappedBlocks} << 21; }
+
 struct KabList {
   KabList() { Bucketlist_Init(&list, nullptr, 5); }
   ~KabList() { Bucketlist_Destroy(&list); }
@@ -66,10 +69,12 @@ struct KabList {
     }
     return sum;
   }
+  size_t Mapped() const { return MappedBytes(list); }
   Bucketlist list;
 };
 
 struct PeerList {
+  static size_t Mapped() { return 0; }
   void Insert(uint64_t key) { map.insert({key, Payload{key + 1, key + 2, key + 3, key + 4}}); }
   uint64_t LowerBound(uint64_t key) {
     const auto at = map.lower_bound(key);
@@ -95,7 +100,7 @@ void Insert(benchmark::State& state, Order order, double target, double bytesTar
     state.ResumeTiming();
     for (const uint64_t key : keys) list->Insert(key);
     state.PauseTiming();
-    bytes = HeapBytes() - before;
+    bytes = HeapBytes() - before + list->Mapped();
     list.reset();
     state.ResumeTiming();
   }
@@ -162,7 +167,7 @@ void BM_BucketlistCachedInsert_Kab(benchmark::State& state) {
       const uint64_t tuple[5] = {end, length, lsn, address += length, 0};
       benchmark::DoNotOptimize(Bucketlist_Insert(&list, tuple));
     }
-    bytes = HeapBytes() - before;
+    bytes = HeapBytes() - before + MappedBytes(list);
     Bucketlist_Destroy(&list);
     Bucketlist_CacheDestroy(&cache);
   }

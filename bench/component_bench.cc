@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "kab/core.h"
 #include "kab/orlo.h"
 #include "sample/group_image.h"
 #include "sample/orlo_image.h"

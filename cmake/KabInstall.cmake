@@ -33,7 +33,15 @@ endif()
 configure_file(cmake/kab.pc.in ${PROJECT_BINARY_DIR}/kab.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kab.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-install(FILES README.md docs/architecture.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(FILES docs/man/kab-dump.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT tool)
+install(FILES README.md docs/architecture.md docs/formats.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY python/kab DESTINATION ${KAB_PYTHON_DIR} COMPONENT python
   FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
+
+# cmake --build build --target package: all of it as a tarball that may be unpacked anywhere.
+set(CPACK_GENERATOR TXZ)
+set(CPACK_PACKAGE_FILE_NAME kab-${PROJECT_VERSION}-${CMAKE_SYSTEM_NAME}-${CMAKE_SYSTEM_PROCESSOR})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+include(CPack)

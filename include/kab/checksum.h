@@ -2,6 +2,7 @@
 #define KAB_CHECKSUM_H
 
 /**
+ * @file
  * Checksums and hashes. All operations are pure and may run on any thread once KABInit (or ARVO_InitCRC) has filled
  * the two matrix tables; none reports errors unless it says so.
  *
@@ -24,6 +25,7 @@ extern KAB_API uint32_t crc32MatrixSector[ARVO_CRC_SECTOR_MATRICES][32];
 
 /** Prepares the CRC machinery; `buf` holds `len` zero bytes, for the host's own use. Once, single-threaded. */
 KAB_API void ARVO_InitCRC(const void *buf, uint32_t len);
+/** The same. */
 KAB_API void ARVOCrc32_Init(const void *buf, uint32_t len);
 
 /** Fills 511 zero-run matrices and 8 sector matrices. */
@@ -82,7 +84,7 @@ enum { DDP_SHA1_DIGEST_SIZE = 20, DDP_SHA1_BLOCK_SIZE = 64 };
 
 /** A SHA-1 in progress. One thread at a time per context. */
 typedef struct DDPSHA1Ctx {
-  uint32_t state[5];
+  uint32_t state[5];                   /**< the five words of the hash so far */
   uint32_t bitCount[2];                /**< message length so far in bits, low word first */
   uint8_t buffer[DDP_SHA1_BLOCK_SIZE]; /**< input that does not fill a block yet */
 } DDPSHA1Ctx;
@@ -104,6 +106,7 @@ KAB_API void DDPSHA1Final(uint8_t *digest, DDPSHA1Ctx *ctx);
  * @param count      number of buffers; 0 does nothing.
  * @param len        bytes in each buffer.
  * @param prefix     `prefixLen` bytes that come before each buffer; may be null.
+ * @param prefixLen  bytes at `prefix`.
  * @param buffers    `count` buffers.
  * @param digests    `count` outputs of 20 bytes, apart from all inputs.
  */

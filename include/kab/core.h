@@ -2,6 +2,7 @@
 #define KAB_CORE_H
 
 /**
+ * @file
  * The frame of the library and access to disks: initialisation, status texts, the log stream, memory, disk
  * contexts and disk groups, block I/O.
  *
@@ -20,8 +21,10 @@ extern "C" {
 /** The texts of the status codes 0 to 18. Writable by tools (translations); never resized. */
 extern KAB_API const char *kabReturnStatus[KAB_STATUS_COUNT];
 
-/** The size in bytes of the record of each Arvo operation type, 0 to 25. */
+/** The number of Arvo operation types. */
 enum { KAB_ARVO_OP_TYPES = 26 };
+
+/** The size in bytes of the record of each Arvo operation type, 0 to 25. */
 extern KAB_API const uint32_t ArvoOpSizeTable[KAB_ARVO_OP_TYPES];
 
 /** The level given to KABInit. Stored only: no message is gated by it. */
@@ -82,7 +85,8 @@ KAB_API void KABExprFree(uint64_t owner, void *block);
 /**
  * zlib's allocation hook over KABAlloc.
  *
- * @param items, size  multiplied in 32 bits: the product wraps.
+ * @param opaque      ignored.
+ * @param items,size  multiplied in 32 bits: the product wraps.
  * @return a zero-filled block, or null when memory is exhausted.
  */
 KAB_API void *KABCompressAlloc(void *opaque, uint32_t items, uint32_t size);
@@ -113,6 +117,9 @@ KAB_API uint32_t KABDiskWrite(uint32_t fd, const void *buf, uint32_t length, int
  * One transfer on a disk: through KABEncryptedIO when the disk is encrypted, else KABDiskIO on its descriptor.
  *
  * @param direction  1 reads, every other value writes.
+ * @param ctx        the disk, open.
+ * @param buf        `length` bytes.
+ * @param length     bytes.
  * @param offset     bytes from the start of the device or file.
  * @return 0; 1 when a transfer failed or was short; 14 or 15 from the encrypted path.
  */
@@ -166,6 +173,7 @@ KAB_API int32_t KABGetDevIdx(const uint8_t *meta, uint64_t uuidLow, uint64_t uui
 /**
  * Reads the Arvo metadata block.
  *
+ * @param ctx        the disk, open.
  * @param buf        4096 bytes.
  * @param offsetOut  its byte offset, stored whether or not the read succeeds; may be null.
  * @return 0, or 1 with a line on the log stream.
@@ -187,6 +195,7 @@ KAB_API uint64_t KABGetSecondaryGPTSizeBytes(void);
 /**
  * Finds out whether a disk is encrypted and, if so, fetches its key into the context.
  *
+ * @param ctx   the disk, its Arvo metadata read; a key that it already has is replaced.
  * @param path  the disk's path; not consulted.
  * @return 0; else the status of the metadata read or of the key, with a line on the log stream. `encrypted` stays
  *         set when only the key could not be had.

@@ -2,6 +2,7 @@
 #define KAB_CRYPTO_H
 
 /**
+ * @file
  * Encryption: data-encryption keys from the host's key cache, and XTS-AES-256 on the I/O path. The data area of an
  * encrypted disk is enciphered in 2048-byte blocks, each under the tweak of its byte offset from the area's start.
  */
@@ -32,12 +33,14 @@ KAB_API int64_t ARVOUWAPI_KeyCacheRemoveKey(uint64_t a1, uint64_t a2, uint64_t a
  */
 KAB_API int64_t ARVOUWAPI_KeyCacheGetKey(const char *keyName, void *keyInfo, void *keyId, void *dek, uint32_t dekLength,
                                          uint32_t *out);
+/** As ARVOUWAPI_KeyCacheAddKey, for the id of a key. */
 KAB_API int64_t ARVOUWAPI_KeyCacheLookupKeyID(uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5,
                                               uint64_t a6);
 
 /**
  * Fetches a disk's data-encryption key. The caller wipes the buffer as soon as it was used.
  *
+ * @param ctx     the disk; its UUID text, or the other one of a type 11 disk, names the key.
  * @param dek     receives 64 bytes.
  * @param length  bytes at `dek`.
  * @return 0, or 13 with a line on the log stream, whatever the host reported.
@@ -47,6 +50,7 @@ KAB_API uint32_t KABGetDekForDisk(KABDiskCtx *ctx, void *dek, uint32_t length);
 /**
  * Fetches a disk's key and makes a key handle of it.
  *
+ * @param ctx  as KABGetDekForDisk.
  * @param key  receives the handle, owned by the caller; a disk's own is released by KABCloseDisk.
  * @return 0; 13 without a key; 2 when no handle can be made of it. Each with a line on the log stream.
  */
@@ -55,8 +59,9 @@ KAB_API uint32_t KABGetCryptoKeyForDisk(KABDiskCtx *ctx, struct plinth_Key **key
 /**
  * Decrypts one 2048-byte block under a private copy of the key. Any thread.
  *
- * @param tweak  byte offset of the block from the start of the data area.
- * @param in,out 2048 bytes each; they may be the same.
+ * @param key     borrowed, not changed.
+ * @param tweak   byte offset of the block from the start of the data area.
+ * @param in,out  2048 bytes each; they may be the same.
  * @return 0, or 14.
  */
 KAB_API uint32_t KABDecryptBlock(struct plinth_Key *key, uint64_t tweak, const void *in, void *out);
@@ -72,6 +77,8 @@ KAB_API uint32_t KABDecryptDataFunc(struct plinth_Key *key, uint64_t tweak, cons
  * any other is decrypted or encrypted block by block, partial blocks being read first and patched.
  *
  * @param direction  1 reads, every other value writes.
+ * @param ctx        the disk, with its key.
+ * @param buf        `length` bytes.
  * @param length     bytes, no alignment asked for.
  * @param offset     bytes from the start of the device or file.
  * @return 0; 1, 14 or 15 with a line on the log stream. Blocks before the failing one have been transferred.

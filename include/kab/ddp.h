@@ -2,6 +2,7 @@
 #define KAB_DDP_H
 
 /**
+ * @file
  * The dedup layer of a capacity disk: its superblock, its metadata regions, its packed blocks.
  *
  * The layer's area starts 3 MiB into the disk and is counted in blocks of 4096 bytes; data is counted in units of
@@ -38,6 +39,7 @@ enum {
 /**
  * Sets up a disk's dedup context: reads the primary superblock into it.
  *
+ * @param ctx   the disk, open.
  * @param name  the disk's path; not consulted.
  * @return 0, or the read's status with a line on the log stream.
  */
@@ -46,6 +48,7 @@ KAB_API uint32_t DDPInitDiskCTX(KABDiskCtx *ctx, const char *name);
 /**
  * Reads the primary superblock.
  *
+ * @param ctx     the disk, open.
  * @param buf     4096 bytes.
  * @param locOut  receives its byte offset on the disk; may be null.
  * @return 0, or the read's status; writes no line.
@@ -58,6 +61,7 @@ KAB_API uint32_t DDPReadSecSuperBlk(KABDiskCtx *ctx, void *buf, uint64_t *locOut
 /**
  * Whether a metadata block's header names its type, owner and place, and its checksum is right.
  *
+ * @param ctx    the disk, whose superblock says owner and region.
  * @param block  4096 bytes.
  * @param type   1 to 10.
  * @param index  its number within the region of that type.
@@ -68,6 +72,7 @@ KAB_API uint32_t DDPIsValidBlkHdr(KABDiskCtx *ctx, const void *block, uint32_t t
 /**
  * Checks the context's superblock against the layout rules, and corrects it in memory, with a line for every field.
  *
+ * @param ctx       the disk, its dedup context set up.
  * @param fixedOut  1 when the superblock is a dedup superblock: its checksum was computed anew.
  * @return 1, or 0 when it is no dedup superblock.
  */
@@ -88,12 +93,17 @@ KAB_API void DDPInitKnownHash(uint8_t *out);
    them. Locations are byte offsets on the disk. Unless said otherwise: neither index nor header is checked, the
    status is that of the transfer (1 for a place beyond 63 bits), no line is written, `locOut` may be null. */
 
+/** The transaction superblock, at its place in the superblock. */
 KAB_API uint32_t DDPReadTxnSBlk(KABDiskCtx *ctx, void *buf, uint64_t *locOut);
 /** The transaction superblock of a compression-only disk, at its fixed place. `locOut` must not be null. */
 KAB_API uint32_t CompressionReadTxnBlk(KABDiskCtx *ctx, void *buf, uint64_t *locOut);
+/** Blocks of the hash map. */
 KAB_API uint32_t DDPReadHashMapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, void *buf, uint64_t *locOut);
+/** Writes blocks of the hash map. */
 KAB_API uint32_t DDPWriteHashMapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, const void *buf);
+/** Blocks of the bitmap. */
 KAB_API uint32_t DDPReadBitmapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, void *buf, uint64_t *locOut);
+/** Writes blocks of the bitmap, its first copy only. */
 KAB_API uint32_t DDPWriteBitmapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, const void *buf);
 /** A map bitmap by its type, 8 to 10; any other: 12. */
 KAB_API uint32_t DDPReadMapBitmapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, uint32_t type, void *buf);
@@ -104,20 +114,27 @@ KAB_API uint32_t DDPReadXmap(KABDiskCtx *ctx, uint64_t start, uint64_t relIndex,
 KAB_API uint32_t DDPReadXMapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, void *buf, uint64_t *locOut);
 /** The map proper only: an index in the expansion is not redirected. */
 KAB_API uint32_t DDPWriteXMapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, const void *buf);
+/** DDPReadXMapBlks from the second copy, and from the second half of the expansion. */
 KAB_API uint32_t DDPReadSecXMapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, void *buf, uint64_t *locOut);
 
 /**
  * Where a block of the secondary copy lies.
  *
+ * @param ctx     the disk, its dedup context set up.
  * @param copy    not consulted.
+ * @param index   the block's number within its region.
+ * @param count   not consulted.
  * @param type    2, 3, 4, 8, 9 or 10; any other: 12.
  * @param locOut  must not be null.
  */
 KAB_API uint32_t DDPGetSecMetadataBlkOffset(KABDiskCtx *ctx, uint32_t copy, uint64_t index, uint32_t count,
                                             uint32_t type, uint64_t *locOut);
+/** Blocks of the secondary copy, by type as in DDPGetSecMetadataBlkOffset. */
 KAB_API uint32_t DDPReadMetadataBlks(KABDiskCtx *ctx, uint32_t copy, uint64_t index, uint32_t count, uint32_t type,
                                      void *buf, uint64_t *locOut);
+/** Blocks of the bitmap's second copy. */
 KAB_API uint32_t DDPReadSecBitmapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, void *buf, uint64_t *locOut);
+/** DDPReadMapBitmapBlks from the second copy. */
 KAB_API uint32_t DDPReadSecMapBitmapBlks(KABDiskCtx *ctx, uint64_t index, uint32_t count, uint32_t type, void *buf);
 
 /* ---- Hash map ------------------------------------------------------------------------------------------------ */
@@ -125,9 +142,11 @@ KAB_API uint32_t DDPReadSecMapBitmapBlks(KABDiskCtx *ctx, uint64_t index, uint32
 /**
  * The place of a hash index: bits 0-6 the entry's number, the rest the group's hash map block.
  *
- * @param devOut   member; the largest 32-bit value when it needs more bits.
- * @param blkOut   hash map block of that member.
- * @param slotOut  entry, 0 to 127; left alone for block numbers above 0x1FFFFFFFFFE.
+ * @param groupCtx   the group, its statistics up to date.
+ * @param hashIndex  any value.
+ * @param devOut     member; the largest 32-bit value when it needs more bits.
+ * @param blkOut     hash map block of that member.
+ * @param slotOut    entry, 0 to 127; left alone for block numbers above 0x1FFFFFFFFFE.
  * @return always 0.
  */
 KAB_API uint32_t DDPMapHashIndexToDev(KABDiskCtx *groupCtx, uint64_t hashIndex, uint32_t *devOut, uint64_t *blkOut,
@@ -147,8 +166,12 @@ KAB_API uint32_t DDPGetHashBlockFromHash(KABDiskCtx *groupCtx, const uint8_t *ha
 /**
  * Finds a hash's entry.
  *
+ * @param groupCtx      the group, its statistics up to date.
  * @param hash          20 bytes.
  * @param hashIndexOut  hash index of the entry.
+ * @param devOut        member that holds it.
+ * @param blkOut        hash map block of that member.
+ * @param slotOut       entry in the block.
  * @param entryOut      the 34 bytes of the entry.
  * @return 0; 13 without a line when there is none; 8 or the status of the read, each with a line.
  */
@@ -160,6 +183,8 @@ KAB_API uint32_t DDPLookupHash(KABDiskCtx *groupCtx, const uint8_t *hash, uint64
 /**
  * The bit of a PBN, in the bitmap of `ctx` whatever disk the PBN names.
  *
+ * @param ctx       the disk whose bitmap is read.
+ * @param pbn       of a unit of the data region.
  * @param inUseOut  1 or 0.
  * @return 0; the status of the read with a line; 8 with a line when the member that the PBN names is not there.
  */
@@ -173,6 +198,7 @@ KAB_API uint32_t DDPMarkPBNInBitmap(KABDiskCtx *ctx, uint64_t pbn, uint8_t set);
 /**
  * Fetches the logical block that a packed record describes.
  *
+ * @param ctx     any disk of the group.
  * @param record  10 bytes.
  * @param dst     4096 bytes.
  * @return 0; 8 when the member is not there; 9 for a unit outside the data region; 18 when the unit does not
@@ -210,6 +236,10 @@ KAB_API uint32_t DDPWrite(KABDiskCtx *ctx, const void *buf, uint32_t len, uint64
 /**
  * Finds the zero block's hash map entry and records it in the contexts of a deduplicating group.
  *
+ * @param groupCtx  the group, all its members open.
+ * @param devOut    member that holds the entry.
+ * @param blkOut    hash map block of that member.
+ * @param slotOut   entry in the block.
  * @param valueOut  the entry's 32-bit value.
  * @return 0; 2 when not all members are open; 13 when there is no entry; else the lookup's status. Each with a line;
  *         the contexts change on success only.

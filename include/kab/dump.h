@@ -2,6 +2,7 @@
 #define KAB_DUMP_H
 
 /**
+ * @file
  * Dump files: byte ranges of one disk, compressed and hashed, to be shipped, verified and written back.
  *
  *      0          4096
@@ -25,38 +26,39 @@ enum {
   KAB_DUMP_MAX_PIECE = 262144,     /**< the longest record of KABAddChunkToDump, bytes of data */
   KAB_STREAM_BUFFER_SIZE = 8388608 /**< staging buffer of a stream, bytes */
 };
+/** The first four bytes of a finished dump, little-endian. */
 #define KAB_DUMP_MAGIC 0xCC0000CCu
 
 /** The state of one zlib stream over a file. The last two fields serve decompression only. */
 struct KABCompressStream {
-  z_stream zlib;
-  uint8_t *buffer;
-  uint64_t bufferSize;
+  z_stream zlib;       /**< zlib's own state */
+  uint8_t *buffer;     /**< staging buffer, owned */
+  uint64_t bufferSize; /**< bytes */
   union {
     uint32_t (*checkOutput)(KABCompressCtx *ctx, uint32_t length, uint8_t advance);
     uint32_t (*input)(KABCompressCtx *ctx, uint64_t *filled);
-  } callback;
-  KABCompressCtx *callbackCtx;
-  uint64_t totalOut;
-  int32_t postponedError; /**< zlib's, reported on the next request; 0 when none */
+  } callback;                  /**< what a full output or an empty input buffer calls */
+  KABCompressCtx *callbackCtx; /**< its first argument */
+  uint64_t totalOut;           /**< bytes delivered */
+  int32_t postponedError;      /**< zlib's, reported on the next request; 0 when none */
 };
 
 /** A compressing or decompressing stream over a descriptor that stays the caller's. */
 struct KABCompressCtx {
-  uint32_t fd;
-  uint64_t fileOffset; /**< next byte of the file to write or read */
-  KABCompressStream *stream;
+  uint32_t fd;               /**< borrowed */
+  uint64_t fileOffset;       /**< next byte of the file to write or read */
+  KABCompressStream *stream; /**< owned */
 };
 
 /** A dump file being written. */
 struct KABDumpCtx {
-  uint32_t fd;
-  struct plinth_Lock *lock; /**< serialises appends */
-  uint8_t header[KAB_DUMP_HEADER_SIZE];
-  void *hashState; /**< running SHA-256 of all records */
-  KABCompressCtx *compress;
-  uint8_t failed; /**< an append or the close failed: the header stays zero */
-  uint8_t closed;
+  uint32_t fd;                          /**< the file, owned until the close */
+  struct plinth_Lock *lock;             /**< serialises appends */
+  uint8_t header[KAB_DUMP_HEADER_SIZE]; /**< written at close */
+  void *hashState;                      /**< running SHA-256 of all records */
+  KABCompressCtx *compress;             /**< the stream, owned */
+  uint8_t failed;                       /**< an append or the close failed: the header stays zero */
+  uint8_t closed;                       /**< the dump is finished; nothing can be added */
 };
 
 KAB_STATIC_ASSERT(sizeof(z_stream) == 112, "z_stream");
@@ -93,6 +95,7 @@ KAB_API KABCompressCtx *KABDecompressInit(uint32_t fd, uint64_t startOffset);
 /**
  * Refills the input buffer from the file.
  *
+ * @param ctx     a stream of KABDecompressInit.
  * @param filled  receives the bytes read; behind the end of the file the buffer is zeroed.
  * @return 0, or 2 with a line.
  */
@@ -109,7 +112,10 @@ KAB_API uint32_t KABDecompressFinish(KABCompressCtx *ctx);
 /**
  * Makes a dump's name: directory, "/", prefix, "_", middle and the local time.
  *
- * @param nameOut  receives a new text, to be released with KABFree.
+ * @param directory  without a final slash.
+ * @param prefix     any text.
+ * @param middle     any text.
+ * @param nameOut    receives a new text, to be released with KABFree.
  * @return 0 or 3.
  */
 KAB_API uint32_t KABGenerateDumpFileName(const char *directory, const char *prefix, const char *middle, char **nameOut);
@@ -128,6 +134,8 @@ KAB_API KABDumpCtx *KABInitDumpFile(const char *dumpPath, const char *devicePath
 /**
  * Appends one record holding the caller's bytes.
  *
+ * @param dump    not closed yet; several threads may add.
+ * @param data    `length` bytes.
  * @param length  bytes.
  * @param offset  where they lie on the source, in bytes.
  * @return 0, or 2. After a failure the dump is marked failed: every later append and the close return 2.
@@ -164,6 +172,7 @@ KAB_API uint32_t KABReadDumpHeader(uint32_t dumpFd, void *buf);
 /**
  * Opens or creates an extraction target.
  *
+ * @param path    image file or device.
  * @param fdOut   receives the descriptor, owned by the caller; 0 on failure.
  * @param create  in: nonzero insists on a new file; out: 1 when the file was created.
  * @return 0, or 5 with a line.
@@ -174,6 +183,8 @@ KAB_API uint32_t KABOpenExtractDisk(const char *path, int32_t *fdOut, uint8_t *c
  * Replays a dump's records onto a target and compares the SHA-256 at the end. Data is written as it is read: a
  * nonzero status tells that the target is not to be trusted. Magic and version are not examined here.
  *
+ * @param dumpFd    open for reading; its file position plays no part.
+ * @param targetFd  open for writing; handed to `write` when there is one.
  * @param truncate  nonzero sets the target's length to the source's.
  * @param write     replaces the plain write and takes over each buffer; may be null.
  * @return 0; 1 for a failed write, or for a short header of a dump without records; 2 for a bad stream, record or

@@ -2,6 +2,7 @@
 #define KAB_INDEXES_H
 
 /**
+ * @file
  * The in-memory indexes behind log replay: LSN table, Bucketlist with its key-context cache, range map and LBA
  * table, index map, UUID table. They know no disk and write no message.
  *
@@ -81,6 +82,7 @@ KAB_API void ZOLTLsnTable_Print(const ZOLTLsnTable *table);
 /**
  * Makes `list` empty.
  *
+ * @param list       the caller's record; what it held before is forgotten.
  * @param cache      key areas shared with other lists, borrowed, must outlive the list; null keeps every key area
  *                   in memory.
  * @param tupleSize  words a tuple, 1 to 5.
@@ -114,6 +116,8 @@ KAB_API uint32_t Bucketlist_IteratorRead(const Bucketlist *list, uint64_t *tuple
 /**
  * Overwrites the current entry, key included, and the iterator's copy.
  *
+ * @param list   the iterator's list.
+ * @param iter   on an entry.
  * @param tuple  tupleSize words; a changed key must keep the list's order.
  * @return 0; 2 when the entry is no longer there; 12.
  */
@@ -164,6 +168,7 @@ KAB_API void BucketlistPutNode(Bucketlist *list, BucketlistNode *node);
 /**
  * Prepares a cache with memory of its own for `nodes` key areas.
  *
+ * @param cache  the caller's record.
  * @param nodes  at least 2.
  * @return 0, or 12 for fewer nodes or when memory is exhausted: the cache is zeroed then.
  */
@@ -191,10 +196,15 @@ KAB_API void Bucketlist_TouchCacheLine(BucketlistCache *cache, int32_t slot);
 /**
  * Maps [`start`, `end`) or, when `owner` is all ones, unmaps it. A callback must not use the list.
  *
- * @param start, end   bytes; nothing is done, and 0 returned, unless start < end.
+ * @param list         of 5-word tuples.
+ * @param start,end    bytes; nothing is done, and 0 returned, unless start < end.
+ * @param owner        kept with the range; all ones unmaps.
  * @param address      where the first byte lives, in bytes.
+ * @param data         kept with the range.
  * @param callback     told of every piece displaced; may be null.
- * @return 0, or 12: pieces displaced before the failure stay displaced.
+ * @param callbackArg  the callback's last argument.
+ * @return 0, or 12: ranges never overlap then, but pieces displaced before the failure stay displaced, and where the
+ *         new range split an old one or cut its upper part off, what lay before `start` may be lost.
  */
 KAB_API uint32_t Rangemap_Insert(Bucketlist *list, uint64_t start, uint64_t end, uint64_t owner, uint64_t address,
                                  uint64_t data, ZOLTRangeDisplacedFn callback, uint64_t callbackArg);
@@ -209,10 +219,16 @@ KAB_API void ZOLTLbaTable_Destroy(ZOLTLbaTable *table);
  * Enters extents at consecutive offsets from `start`. Extents that follow one another and name the same sector as the
  * first of them become one range, of at most 1020 MiB; the first one that differs ends all folding.
  *
- * @param start    byte offset.
- * @param length   not consulted.
- * @param extents  packed, little-endian: u16 count, then count times u64 start sector and u16 sectors of 512 bytes;
- *                 any alignment. An extent whose address or end leaves 64 bits is dropped.
+ * @param table        initialised.
+ * @param start        byte offset.
+ * @param length       not consulted.
+ * @param owner        kept with each range.
+ * @param extents      packed, little-endian: u16 count, then count times u64 start sector and u16 sectors of 512 bytes;
+ *                     any alignment. An extent whose address or end leaves 64 bits is dropped, as is one that finds no
+ *                     memory.
+ * @param data         kept with each range.
+ * @param callback     told of every piece displaced; may be null.
+ * @param callbackArg  the callback's last argument.
  */
 KAB_API void ZOLTLbaTable_Insert(ZOLTLbaTable *table, uint64_t start, uint64_t length, uint64_t owner,
                                  const void *extents, uint64_t data, ZOLTRangeDisplacedFn callback,
@@ -298,6 +314,7 @@ KAB_API void ZOLTIndexMap_GetStats(const ZOLTIndexMap *map, BucketlistStats *out
  *
  * @param owner        kept, not used.
  * @param bucketCount  a table of 0 buckets holds nothing.
+ * @param matchFn      compares keys for the look-ups.
  * @return the table, to be released with ARVOUUIDTable_Free; null when memory is exhausted.
  */
 KAB_API ARVOUUIDTable *ARVOUUIDTable_Init(void *owner, uint32_t bucketCount, ARVOUUIDTableMatchFn matchFn);

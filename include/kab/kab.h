@@ -1,7 +1,10 @@
 #ifndef KAB_KAB_H
 #define KAB_KAB_H
 
-/** All of libkab: offline inspection of the disks of an Arvo disk group. */
+/**
+ * @file
+ * All of libkab: offline inspection of the disks of an Arvo disk group.
+ */
 
 #include "kab/checksum.h"
 #include "kab/core.h"

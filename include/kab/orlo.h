@@ -2,6 +2,7 @@
 #define KAB_ORLO_H
 
 /**
+ * @file
  * The Orlo block map: capacity disks of format versions 6 and 7 keep components as virtual disks (vdisks), each with
  * a B-tree of 4096-byte map blocks that places its logical blocks.
  *
@@ -34,6 +35,8 @@ enum {
 /**
  * Reads Orlo data.
  *
+ * @param disk    a capacity disk of a replayed group.
+ * @param buf     `length` bytes.
  * @param length  bytes.
  * @param offset  bytes from the start of the data area.
  * @return 0, or 1 with a line on the log stream, whatever the cause.
@@ -46,8 +49,9 @@ KAB_API uint32_t OrloWriteData(KABDiskCtx *disk, const void *buf, uint32_t lengt
 /**
  * Reads block 0.
  *
- * @param buf  ORLO_BLOCK0_SIZE bytes.
- * @param out  its offset, 0, stored whether or not the read succeeds; may be null.
+ * @param disk  a capacity disk of a replayed group.
+ * @param buf   ORLO_BLOCK0_SIZE bytes.
+ * @param out   its offset, 0, stored whether or not the read succeeds; may be null.
  * @return 0 or 1.
  */
 KAB_API uint32_t OrloReadBlock0(KABDiskCtx *disk, void *buf, uint64_t *out);
@@ -55,6 +59,7 @@ KAB_API uint32_t OrloReadBlock0(KABDiskCtx *disk, void *buf, uint64_t *out);
 /**
  * Tests the magic and the version (6 or 7) of a block 0.
  *
+ * @param disk  named in the line.
  * @param blk0  ORLO_BLOCK0_SIZE bytes.
  * @return 0, 16 for another magic, 17 for another version, with a line on the log stream.
  */
@@ -66,6 +71,7 @@ KAB_API uint32_t OrloInitDiskCTX(KABDiskCtx *disk);
 /**
  * Reads the 4096 bytes at a log-area sector.
  *
+ * @param disk  a capacity disk of a replayed group.
  * @param buf   4096 bytes.
  * @param lsar  sector number, 48 significant bits.
  * @return 0; 1; 3 when `buf` is null.
@@ -78,6 +84,8 @@ KAB_API uint32_t OrloReadSpmtMtpgLsar(KABDiskCtx *disk, void *buf, uint64_t lsar
 /**
  * Reads the 4096 bytes at a VAU's first page.
  *
+ * @param disk       a capacity disk of a replayed group.
+ * @param buf        4096 bytes.
  * @param vauId      from 1.
  * @param outOffset  the page's byte offset, stored whether or not the read succeeds; may be null.
  * @return as OrloReadSpmtVauLsar.
@@ -89,6 +97,7 @@ KAB_API uint32_t OrloReadSpmtVauLsarId(KABDiskCtx *disk, void *buf, uint64_t vau
 /**
  * Reads the registry, or as much of it as `bufLength` allows.
  *
+ * @param disk       a capacity disk of a replayed group.
  * @param buf        `bufLength` bytes.
  * @param offset     byte offset of the registry, from block 0.
  * @param bufLength  bytes.
@@ -99,6 +108,7 @@ KAB_API uint32_t OrloReadRegistry(KABDiskCtx *disk, void *buf, uint64_t offset, 
 /**
  * Looks a vdisk up in the registry of a version 6 disk.
  *
+ * @param disk      a capacity disk of a replayed group.
  * @param desc      the disk's block 0, ORLO_BLOCK0_SIZE bytes.
  * @param uuidText  the vdisk's UUID text.
  * @param out       ORLO_VDISK_ENTRY_SIZE_V6 bytes: the first matching entry as stored.
@@ -115,7 +125,9 @@ KAB_API uint32_t OrloReadVdiskV4Plus(KABDiskCtx *disk, const void *desc, const c
 /**
  * Reads or writes the superblock of the component with this UUID.
  *
+ * @param disk       a capacity disk of a replayed group.
  * @param desc       the disk's block 0.
+ * @param uuidText   the component's UUID text.
  * @param buf        ORLO_SUPERBLOCK_SIZE bytes. Only mapped blocks are read; the first 8 bytes are cleared before.
  * @param direction  1 reads, 0 writes.
  * @return 0; KAB_NO_SUPERBLOCK (outside the status table) when the vdisk has none; else a status with lines on the
@@ -130,9 +142,11 @@ KAB_API uint32_t OrloReadWriteComponentSuperBlock(KABDiskCtx *disk, uint64_t map
 /**
  * Reads or writes the records at the left end of a map tree.
  *
+ * @param disk       a capacity disk of a replayed group.
  * @param buf        `maxBytes` bytes.
  * @param mapBlock   the root, 4096 bytes; overwritten by the blocks below it.
  * @param maxBlocks  the first record at or beyond this logical block ends the transfer.
+ * @param maxBytes   bytes at `buf`; a record is cut at its end.
  * @param direction  1 reads, 0 writes.
  */
 KAB_API uint32_t OrloReadWriteSuperBlkBuffer(KABDiskCtx *disk, void *buf, void *mapBlock, uint32_t maxBlocks,
@@ -141,7 +155,9 @@ KAB_API uint32_t OrloReadWriteSuperBlkBuffer(KABDiskCtx *disk, void *buf, void *
 /**
  * Transfers the run of a leaf record of a version 6 map.
  *
+ * @param disk       a capacity disk of a replayed group.
  * @param buf        `maxBytes` bytes, holding logical block 0 first; the run is cut at its end.
+ * @param maxBytes   bytes at `buf`.
  * @param direction  1 reads, 0 writes, any other does nothing.
  * @param record     8 bytes.
  * @param logical    the record's key.
@@ -163,6 +179,7 @@ KAB_API uint32_t OrloReadWriteVBTLeafRecCommon(KABDiskCtx *disk, void *buf, uint
 /**
  * Reads one map block.
  *
+ * @param disk     a capacity disk of a replayed group.
  * @param blockNo  45 significant bits; all ones (no block) reads a place beyond every disk.
  * @param buf      ORLO_MAP_BLOCK_SIZE bytes.
  * @return 0 or 1.
@@ -179,8 +196,9 @@ KAB_API uint32_t OrloReadVBTMapBlock(KABDiskCtx *disk, uint64_t blockNo, void *b
 /**
  * Pushes a frame.
  *
- * @param block  ORLO_MAP_BLOCK_SIZE bytes from KABAlloc; the frame owns it, unless the call fails.
- * @param index  all ones: the last record of a leaf, the last child of an interior node.
+ * @param cursor  any; the new frame becomes its top.
+ * @param block   ORLO_MAP_BLOCK_SIZE bytes from KABAlloc; the frame owns it, unless the call fails.
+ * @param index   all ones: the last record of a leaf, the last child of an interior node.
  * @return 0 or 3.
  */
 KAB_API uint32_t OrloBTree_Push(OrloBTreeCursor *cursor, uint8_t *block, uint64_t index);
@@ -194,7 +212,8 @@ KAB_API void OrloBTree_Clear(OrloBTreeCursor *cursor);
 /**
  * Descends from the top frame's position to a leaf.
  *
- * @param first  nonzero: along first positions; zero: along last ones.
+ * @param cursor  with a frame on top.
+ * @param first   nonzero: along first positions; zero: along last ones.
  * @return 0 with a leaf on top or an empty stack; 1; 3; 9; 12 when the top frame's index is no child of its node.
  */
 KAB_API uint32_t OrloBTree_StepDown(OrloBTreeCursor *cursor, uint32_t first);
@@ -209,7 +228,8 @@ KAB_API uint32_t OrloBTree_StepPrev(OrloBTreeCursor *cursor);
  * Moves to the record with the greatest key not above `lba`, or to the first record; an empty tree leaves the stack
  * empty.
  *
- * @param lba  logical block.
+ * @param cursor  any; frames that it holds are released first.
+ * @param lba     logical block.
  * @return 0, 1, 3 or 9.
  */
 KAB_API uint32_t OrloMapLookupTraverse(OrloBTreeCursor *cursor, uint64_t lba);
@@ -217,6 +237,9 @@ KAB_API uint32_t OrloMapLookupTraverse(OrloBTreeCursor *cursor, uint64_t lba);
 /**
  * Collects the runs of [startLba, endLba).
  *
+ * @param cursor    any; frames that it holds are released first.
+ * @param startLba  first logical block.
+ * @param endLba    the logical block behind the last.
  * @param capacity  the most blocks to hand out; 0 hands out nothing and reads nothing.
  * @param out       the runs in rising order, clipped to the range and to `capacity`, each to be released with
  *                  KABFree; null when there are none and on failure.
@@ -242,6 +265,7 @@ KAB_API OrloComponent *OrloOpenComponent(KABDiskCtx *group, const char *uuidText
  * of `offset` up to, not including, the block of `offset` + `length`, and never for more than `length` / 4096 blocks.
  * Bytes outside those blocks read as zeros, so offset and length should be multiples of 4096.
  *
+ * @param handle  of OrloOpenComponent.
  * @param buf     `length` bytes; not touched when the component's entry has no superblock.
  * @param offset  bytes from the start of the component, its superblock included.
  * @param length  bytes.
@@ -264,6 +288,7 @@ KAB_API uint32_t *OrloReadComponentLbaBitMap(OrloComponent *handle);
 /**
  * Sets the bits of all records of type 1 in a map tree; other bits stay. Every block is visited at most once.
  *
+ * @param disk   a capacity disk of a replayed group.
  * @param block  the tree's root.
  * @param bits   ORLO_LBA_MAP_BITS bits; set atomically, so several walks may share them.
  * @return the status of the root alone; what is unreadable below it is left out.

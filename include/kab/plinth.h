@@ -1,7 +1,10 @@
 #ifndef KAB_PLINTH_H
 #define KAB_PLINTH_H
 
-/** The host support library's door for tools: where the key-cache calls go. */
+/**
+ * @file
+ * The host support library's door for tools: where the key-cache calls go.
+ */
 
 #include "kab/types.h"
 

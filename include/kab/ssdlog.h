@@ -2,6 +2,7 @@
 #define KAB_SSDLOG_H
 
 /**
+ * @file
  * The SSD log: checkpoint records and log blocks, walks along the PLOG and the LLOG, allocation maps, replay of the
  * PLOG, and capacity disks as their disk group sees them.
  *
@@ -33,6 +34,8 @@ enum {
 /**
  * Reads one log block.
  *
+ * @param ctx        the SSD.
+ * @param blkNo      counted from the data offset.
  * @param buf        4096 bytes.
  * @param outOffset  receives the block's byte offset, before the read; may be null.
  * @return the status of KABRead; 1 for a block whose byte offset no file can have. Writes no line.
@@ -43,8 +46,10 @@ KAB_API uint32_t KABReadSSDLOGBlk(KABDiskCtx *ctx, uint64_t blkNo, void *buf, ui
  * Whether a block is a valid block of a log: checksum, back link, magic, type, and a next block in the write buffer
  * of the current checkpoint record.
  *
+ * @param ctx           the SSD, with a current checkpoint record.
  * @param blk           4096 bytes.
  * @param expectedPrev  byte offset of the block before; 0: not compared.
+ * @param logType       1 for the PLOG, else the LLOG.
  * @return 1 or 0; a bad checksum or back link is reported.
  */
 KAB_API uint32_t KABSSDLOGCheckLogBlkHdr(KABDiskCtx *ctx, const void *blk, uint64_t expectedPrev, uint32_t logType);
@@ -81,8 +86,10 @@ KAB_API uint64_t KABCountSetBitsInBuffer(const void *buf, uint64_t nbits);
 /**
  * The next block of the LLOG, or its first.
  *
- * @param cur  header (64 bytes) of the block before; null begins at the current checkpoint record.
- * @param buf  4096 bytes.
+ * @param ctx        the SSD.
+ * @param cur        header (64 bytes) of the block before; null begins at the current checkpoint record.
+ * @param buf        4096 bytes.
+ * @param outOffset  as above.
  * @return 0; 10; 11 without a current checkpoint record; the status of a failed read, with a line.
  */
 KAB_API uint32_t KABSSDLOGLlogReadNext(KABDiskCtx *ctx, const void *cur, void *buf, uint64_t *outOffset);
@@ -93,7 +100,11 @@ KAB_API uint32_t KABSSDLOGPlogReadNext(KABDiskCtx *ctx, const void *cur, void *b
 /**
  * The block before `cur`, or the last block of a log.
  *
- * @param logType  names the log when `cur` is null: 1 is the PLOG, every other value the LLOG.
+ * @param ctx        the SSD.
+ * @param logType    names the log when `cur` is null: 1 is the PLOG, every other value the LLOG.
+ * @param cur        header (64 bytes) of the block behind; null begins at the end of the log.
+ * @param buf        4096 bytes.
+ * @param outOffset  as above.
  * @return 0; 10; 11; 9 with a line for a block outside the write buffer; the status of a failed read, with a line.
  */
 KAB_API uint32_t KABSSDLOGReadPrev(KABDiskCtx *ctx, uint32_t logType, const void *cur, void *buf, uint64_t *outOffset);
@@ -106,6 +117,8 @@ KAB_API uint32_t KABSSDLOGReadPrev(KABDiskCtx *ctx, uint32_t logType, const void
 /**
  * Unpacks every element; the count of `unpacked` is the caller's to write.
  *
+ * @param ctx       the SSD; its current checkpoint record places the reserved ranges.
+ * @param packed    2 + 7 * count bytes.
  * @param unpacked  2 + 10 * count bytes.
  */
 KAB_API void KABUnpackAllocMap(KABDiskCtx *ctx, const void *packed, void *unpacked);
@@ -113,6 +126,7 @@ KAB_API void KABUnpackAllocMap(KABDiskCtx *ctx, const void *packed, void *unpack
 /**
  * Packs every element; the count of `packed` is the caller's to write.
  *
+ * @param ctx       as KABUnpackAllocMap.
  * @param unpacked  an element of the first reserved range gets the packed reserved address in place.
  * @param packed    2 + 7 * count bytes.
  * @return the element count.
@@ -122,6 +136,7 @@ KAB_API uint32_t KABPackAllocMap(KABDiskCtx *ctx, void *unpacked, void *packed);
 /**
  * The unpacked allocation map of a log entry.
  *
+ * @param ctx     as KABUnpackAllocMap.
  * @param entry   as many bytes as its entry length says, at most 4096.
  * @param outMap  receives a new map, to be released with KABFree, or null when the entry has none.
  * @return 0; 2 for more than 512 elements; 9 for a map that leaves its entry; 3.
@@ -144,7 +159,8 @@ KAB_API uint32_t KABSSDLOGCheckAllocMap(KABDiskCtx *ctx, const void *entry);
 /**
  * Gives a context a PLOG state.
  *
- * @param lbaCache, lsnCache  key areas of the state's tables; must outlive the state; may be null.
+ * @param ctx                a disk without a state.
+ * @param lbaCache,lsnCache  key areas of the state's tables; must outlive the state; may be null.
  * @return 0; 3 with a line; the result of the LBA table's initialisation with a line.
  */
 KAB_API uint32_t KABSSDLOGInitPLOGState(KABDiskCtx *ctx, BucketlistCache *lbaCache, BucketlistCache *lsnCache);
@@ -182,6 +198,7 @@ KAB_API ARVOUUIDTable *KABSSDLOGComponentTable(KABDiskCtx *ssd);
  * Reads from the write buffer where the log holds newer data, from the dedup layer or the disk elsewhere.
  *
  * @param ctx     a capacity disk of a group.
+ * @param buf     `length` bytes.
  * @param length  bytes.
  * @param offset  bytes, from the start of the disk's data area or of its dedup layer.
  * @return 0; 2 with a line before the group's replay completed; the status of the first piece that failed.

@@ -2,6 +2,7 @@
 #define KAB_ZOLT_H
 
 /**
+ * @file
  * Component handles: a component as its disk group sees it, its newest writes taken from the cache SSD.
  *
  * Threads: one thread at a time per disk group.
@@ -32,6 +33,7 @@ KAB_API KABComponentHandle *KABComponentOpen(KABDiskCtx *ctx, const char *uuidTe
  * read fills as many bytes as the low 32 bits of its key say, from its piece's place in `buf` on. Tools that want the
  * component's bytes walk the LBA table over OrloReadComponent themselves.
  *
+ * @param handle  of KABComponentOpen.
  * @param buf     start + 2 * `length` bytes.
  * @param length  bytes.
  * @param offset  bytes from the start of the component's data.

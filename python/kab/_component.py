@@ -61,7 +61,7 @@ class Component:
         return bytes(result)
 
     def extents(self) -> Iterator[tuple[int, int]]:
-        """The allocated ranges as (offset, length) in bytes, rising and apart.
+        """The ranges that the map calls allocated, as (offset, length) in bytes, rising and apart.
 
         Raises:
             KabError: when the map cannot be read.

@@ -86,6 +86,12 @@ class Disk:
         """The disk's format version, 0 to 20."""
         return int(self._open().contents.meta[468])
 
+    @property
+    def dedup_mode(self) -> int:
+        """0 without the dedup layer, 1 for a disk that compresses, 2 for one of a deduplicating group."""
+        meta = self._open().contents.meta
+        return 0 if meta[8] == 11 else int(meta[11]) >> 2 & 3
+
     def read_at(self, offset: int, length: int) -> bytes:
         """Reads bytes of the disk itself, decrypted; what the group's log holds plays no part.
 

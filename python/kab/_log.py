@@ -48,8 +48,8 @@ def uuid_text(raw: bytes) -> str:
     return "-".join((digits[:8], digits[8:12], digits[12:16], digits[16:20], digits[20:]))
 
 
-def entries(ssd: Any) -> Iterator[LogEntry]:
-    """See Group.log_entries."""
+def blocks(ssd: Any) -> Iterator[tuple[bytes, int]]:
+    """The blocks of the physical log and their byte offsets on the SSD, oldest first."""
     _native.check("choosing a checkpoint record", "KABSSDLOGGetValidCheckPointRecord", ssd)
     current = None
     seen: set[int] = set()
@@ -64,11 +64,18 @@ def entries(ssd: Any) -> Iterator[LogEntry]:
         if offset.value in seen:  # every checksum can be right in a chain that bites its own tail
             raise KabError(f"the log returns to its block at {offset.value}", Status.BLOCK_INVALID)
         seen.add(offset.value)
-        yield from _block_entries(block.raw, offset.value)
+        yield block.raw, offset.value
         current = block
 
 
-def _block_entries(block: bytes, block_offset: int) -> Iterator[LogEntry]:
+def entries(ssd: Any) -> Iterator[LogEntry]:
+    """See Group.log_entries."""
+    for block, offset in blocks(ssd):
+        yield from block_entries(block, offset)
+
+
+def block_entries(block: bytes, block_offset: int) -> Iterator[LogEntry]:
+    """The entries of one block."""
     at = _HEADER
     for _ in range(block[12]):
         if at + _PREFIX + 8 > _BLOCK:

@@ -27,6 +27,10 @@ inline constexpr uint64_t kBlockMask = (1ULL << 45U) - 1;
 inline constexpr uint32_t kAllocatedType = 1;
 inline constexpr uint32_t kHeaderAt = 16;
 inline constexpr uint32_t kKeysAt = 18;
+inline constexpr uint32_t kChildrenAtV6 = 2054;
+inline constexpr uint32_t kRecordsAtV6 = 1374;
+inline constexpr uint32_t kChildrenAt = 1374;
+inline constexpr uint32_t kRecordsAt = 1034;
 
 struct RecordV6 {
   le32 physical;
@@ -108,8 +112,8 @@ class MapNode {
 
  private:
   uint32_t ArrayStart() const {
-    if (IsLeaf()) return old_ ? 1374 : 1034;
-    return old_ ? 2054 : 1374;
+    if (IsLeaf()) return old_ ? kRecordsAtV6 : kRecordsAt;
+    return old_ ? kChildrenAtV6 : kChildrenAt;
   }
   uint32_t ElementSize() const {
     if (IsLeaf()) return old_ ? sizeof(RecordV6) : sizeof(Record64);

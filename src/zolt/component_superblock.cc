@@ -1,30 +1,11 @@
-// The validity of a component superblock. Its first bytes, little-endian:
-//
-//    0       8               12      24           28              32          36                   40
-//    | magic | major version | other | policyLen  | attributesLen | configLen | componentPolicyLen | extraParamsLen |
+// The validity of a component superblock.
 
-#include "core/frame/bytes.h"
+#include "zolt/component_superblock_format.h"
+
 #include "core/frame/log.h"
-#include "kab/zolt.h"
 
 namespace kab::zolt {
 namespace {
-
-struct ComponentSuperBlock {
-  le64 magic;
-  le32 majorVersion;
-  std::byte other12[12];
-  le32 policyLen;
-  le32 attributesLen;
-  le32 configLen;
-  le32 componentPolicyLen;
-  le32 extraParamsLen;
-};
-static_assert(OnDisk<ComponentSuperBlock> && sizeof(ComponentSuperBlock) == KAB_ZOLT_SBLK_CHECKED_SIZE);
-static_assert(offsetof(ComponentSuperBlock, policyLen) == 24 && offsetof(ComponentSuperBlock, extraParamsLen) == 40);
-
-constexpr uint64_t kMagic = 0x1F2E3D4C5B6A7890;
-constexpr uint32_t kMajorVersion = 2;
 
 const char* FirstBrokenRule(const ComponentSuperBlock& sblk) {
   if (sblk.magic != kMagic) return "sblk magic found corrupted";

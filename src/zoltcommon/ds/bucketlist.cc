@@ -10,6 +10,7 @@
 #include "plinth/panic.h"
 #include "zoltcommon/ds/bucketlist_directory.h"
 #include "zoltcommon/ds/bucketlist_node.h"
+#include "zoltcommon/ds/key_areas.h"
 
 #define PLINTH_ASSERT_TEXT(condition, text)                                                                   \
   do {                                                                                                        \
@@ -24,9 +25,10 @@ namespace {
 constexpr uint32_t kNoEntry = 2;
 constexpr uint32_t kLookBack = 7;
 constexpr uint32_t kLevels = BUCKETLIST_LEVELS;
-// Insertions that pay for one step of moving entries back: filling every gap would cost more than the nodes it saves.
+// Insertions that pay for one step of moving entries back, and the steps that may be saved up for; a new list has them
+// all. Without a bound, keys that come in no order pass every gap on and insertions take three times as long.
 constexpr uint32_t kStepPrice = 1024;
-constexpr uint32_t kMaxCredit = kLookBack * kStepPrice;
+constexpr uint32_t kMaxCredit = 256 * kStepPrice;
 // A node below the first width joins a neighbour when both together stay within the second.
 constexpr uint32_t kSparse = 128;
 constexpr uint32_t kJoined = 512;
@@ -211,6 +213,15 @@ uint32_t ShiftBack(Bucketlist* list, BucketlistNode* roomy, uint32_t distance) {
   return KAB_OK;
 }
 
+// The entries that a node keeps when it is split: half, and all twins of its min key, since a node with the same min
+// key would be linked before it.
+uint32_t SplitPoint(const BucketlistNode& node) {
+  const uint64_t* run = node.keyArea->keys + node.sortedStart;
+  uint32_t keep = kNodeEntries / 2;
+  while (keep < node.sortedCount && run[keep] == node.minKey) ++keep;
+  return keep < node.sortedCount ? keep : kNodeEntries / 2;
+}
+
 uint32_t Split(Bucketlist* list, BucketlistNode* node) {
   const Held held(list, node);
   if (held.Status() != KAB_OK) return held.Status();
@@ -221,7 +232,8 @@ uint32_t Split(Bucketlist* list, BucketlistNode* node) {
     Bucketlist_FreeNode(list, upper);
     return st;
   }
-  MoveUpper(node, upper, kNodeEntries / 2);
+  SortNode(node);
+  MoveUpper(node, upper, SplitPoint(*node));
   RefreshFirst(upper);
   LinkNode(list, upper);
   BucketlistPutNode(list, upper);
@@ -272,24 +284,25 @@ void Join(Bucketlist* list, BucketlistNode* to, BucketlistNode* from) {
   MoveSmallest(from, to, Width(*from));
 }
 
-// Joins a node that has become sparse with a neighbour; true when it did. Only a saving: without memory it waits.
-bool TryJoin(Bucketlist* list, BucketlistNode* node) {
-  if (Width(*node) >= kSparse) return false;
+// Joins a node that has become sparse with a neighbour. Returns the node that went; null: none did. Only a saving:
+// without memory it waits.
+BucketlistNode* TryJoin(Bucketlist* list, BucketlistNode* node) {
+  if (Width(*node) >= kSparse) return nullptr;
   BucketlistNode* back = node->back;
   if (back != HeadOf(list) && Width(*back) + Width(*node) <= kJoined) {
     const Held held(list, back);
-    if (held.Status() != KAB_OK) return false;
+    if (held.Status() != KAB_OK) return nullptr;
     Join(list, back, node);
-    return true;
+    return node;
   }
   BucketlistNode* next = node->forward[0];
   if (next != nullptr && Width(*next) + Width(*node) <= kJoined) {
     const Held held(list, next);
-    if (held.Status() != KAB_OK) return false;
+    if (held.Status() != KAB_OK) return nullptr;
     Join(list, node, next);
-    return true;
+    return next;
   }
-  return false;
+  return nullptr;
 }
 
 // Puts the iterator on the first or last entry of a node.
@@ -320,10 +333,12 @@ uint32_t Reseat(Bucketlist* list, BucketlistIterator* iter) {
 }
 
 // A step in a node with unsorted entries. False when the node has to be sorted for it: at its edges, after many
-// steps, and when keys are not unique.
+// steps, when keys are not unique, and when a split took the iterator's entry elsewhere.
 bool StepUnsorted(Bucketlist* list, bool forward, const BucketlistIterator& iter, Place* place) {
   if (++list->unsortedSteps > kMaxUnsortedSteps) return false;
   const BucketlistNode& node = *iter.node;
+  const BucketlistNode* next = node.forward[0];
+  if (iter.key < node.minKey || (next != nullptr && iter.key >= next->minKey)) return false;
   if (forward) return FindAtLeast(node, iter.key + 1, place) && place->rank == iter.position + 1;
   if (!FindAtMost(node, iter.key - 1, place) || place->rank + 1 != iter.position) return false;
   Place first;
@@ -377,8 +392,8 @@ uint32_t StepOn(Bucketlist* list, bool forward, BucketlistIterator* iter) {
   return st;
 }
 
-// Removes the iterator's entry. `joined`: two nodes became one, and entries of either changed places.
-uint32_t Remove(Bucketlist* list, BucketlistIterator iter, bool* joined) {
+// Removes the iterator's entry. `gone`: the node, if any, whose entries all went to its predecessor.
+uint32_t Remove(Bucketlist* list, BucketlistIterator iter, const BucketlistNode** gone) {
   for (bool reseated = false;; reseated = true) {
     BucketlistNode* node = iter.node;
     {
@@ -392,7 +407,7 @@ uint32_t Remove(Bucketlist* list, BucketlistIterator iter, bool* joined) {
           return KAB_OK;
         }
         if (place.rank == 0) RefreshMin(list, node);
-        *joined = TryJoin(list, node);
+        *gone = TryJoin(list, node);
         return KAB_OK;
       }
     }
@@ -427,6 +442,7 @@ void Bucketlist_Init(Bucketlist* list, BucketlistCache* cache, uint32_t tupleSiz
   list->tupleSize = tupleSize;
   list->cache = cache;
   list->seed = static_cast<uint32_t>(std::rand());
+  list->shiftCredit = kMaxCredit;
 }
 
 void Bucketlist_Destroy(Bucketlist* list) {
@@ -438,6 +454,7 @@ void Bucketlist_Destroy(Bucketlist* list) {
   std::memset(list->levelHeads, 0, sizeof list->levelHeads);
   list->height = 0;
   DirectoryFree(list);
+  FreeKeyAreas(list);
 }
 
 uint32_t Bucketlist_Insert(Bucketlist* list, const uint64_t* tuple) {
@@ -528,8 +545,8 @@ uint32_t Bucketlist_IteratorWrite(Bucketlist* list, BucketlistIterator* iter, co
 }
 
 uint32_t Bucketlist_DeleteInvalidateIter(Bucketlist* list, BucketlistIterator* iter) {
-  bool joined = false;
-  const uint32_t st = Remove(list, *iter, &joined);
+  const BucketlistNode* gone = nullptr;
+  const uint32_t st = Remove(list, *iter, &gone);
   if (st == KAB_OK) iter->node = nullptr;
   return st;
 }
@@ -538,12 +555,12 @@ uint32_t Bucketlist_DeleteTryMaintainIter(Bucketlist* list, BucketlistIterator* 
   BucketlistIterator before = *iter;
   uint32_t st = StepOn(list, false, &before);
   if (st != KAB_OK && st != kNoEntry) return st;
-  bool joined = false;
-  st = Remove(list, *iter, &joined);
+  const BucketlistNode* gone = nullptr;
+  st = Remove(list, *iter, &gone);
   if (st != KAB_OK) return st;
   *iter = before;
-  if (!joined || iter->node == nullptr) return KAB_OK;
-  return Bucketlist_LowerBound(list, iter, before.key);  // in the joined node, which is in memory: it cannot fail
+  if (gone == nullptr || iter->node != gone) return KAB_OK;
+  return Bucketlist_LowerBound(list, iter, before.key);  // in the predecessor, which is in memory: it cannot fail
 }
 
 void Bucketlist_Validate(Bucketlist* list) {

@@ -22,6 +22,7 @@
 #include "kab/indexes.h"
 #include "plinth/panic.h"
 #include "zoltcommon/ds/bucketlist_node.h"
+#include "zoltcommon/ds/key_areas.h"
 
 struct BucketlistCompressedBuffer {
   BucketlistCompressedBuffer* next;
@@ -464,7 +465,7 @@ BucketlistNode* Bucketlist_AllocNode(Bucketlist* list) {
 void Bucketlist_FreeNode(Bucketlist* list, BucketlistNode* node) {
   if (node->cacheIndex != kNoSlot) GiveSlotBack(list, node);
   FreeBuffers(list, node);
-  KABFree(&node->keyArea);
+  if (node->keyArea != nullptr) PutKeyArea(list, node->keyArea);
   KABFree(&node);
   --list->stats.numNodes;
 }
@@ -480,7 +481,7 @@ uint32_t BucketlistGetNode(Bucketlist* list, BucketlistNode* node) {
       const uint32_t st = Bucketlist_CreateKeyContextFromCache(list, node);
       if (st != KAB_OK) return st;
     } else {
-      node->keyArea = static_cast<BucketlistKeyArea*>(KABAlloc(sizeof(BucketlistKeyArea)));
+      node->keyArea = TakeKeyArea(list);
       if (node->keyArea == nullptr) return KAB_INVALID_ARGUMENT;
     }
     // A new node's only tuple waits in the header.

@@ -2,6 +2,7 @@
 
 #include "zoltcommon/ds/lba_table.h"
 
+#include <algorithm>
 #include <boost/endian/buffers.hpp>
 #include <cstring>
 
@@ -49,10 +50,14 @@ uint32_t InsertExtents(ZOLTLbaTable* table, uint64_t start, uint64_t owner, cons
   const uint32_t count = reinterpret_cast<const PackedCount*>(bytes)->value();
   const auto* extent = reinterpret_cast<const PackedExtent*>(bytes + sizeof(PackedCount));
   uint64_t offset = start;
+  uint32_t failure = KAB_OK;
   bool merging = true;
   for (uint32_t i = 0; i < count;) {
     const uint64_t startSector = extent[i].startSector.value();
     uint64_t run = extent[i].sectors.value() * kSectorSize;
+    uint64_t address;
+    const bool hasAddress = !__builtin_mul_overflow(startSector, kSectorSize, &address);
+    const uint64_t longest = std::min({kMaxRun, ~offset, hasAddress ? ~address : kMaxRun});
     for (++i; merging && i < count; ++i) {
       // Compared with the extent that opened the run, on purpose: extents that name one place fold, contiguous ones
       // do not.
@@ -61,21 +66,18 @@ uint32_t InsertExtents(ZOLTLbaTable* table, uint64_t start, uint64_t owner, cons
         break;
       }
       const uint64_t more = extent[i].sectors.value() * kSectorSize;
-      if (run + more > kMaxRun) break;
+      if (run + more > longest) break;
       run += more;
     }
-    uint64_t address;
-    uint64_t addressEnd;
-    uint64_t end;
-    if (__builtin_add_overflow(offset, run, &end)) return KAB_OK;  // and so would every extent after it
-    if (!__builtin_mul_overflow(startSector, kSectorSize, &address) &&
-        !__builtin_add_overflow(address, run, &addressEnd)) {
-      const uint32_t st = Rangemap_Insert(table->list, offset, end, owner, address, data, callback, callbackArg);
-      if (st != KAB_OK) return st;
+    if (run > ~offset) break;  // and so would every extent after it
+    if (hasAddress && run <= ~address) {
+      const uint32_t st =
+          Rangemap_Insert(table->list, offset, offset + run, owner, address, data, callback, callbackArg);
+      if (failure == KAB_OK) failure = st;
     }
-    offset = end;
+    offset += run;
   }
-  return KAB_OK;
+  return failure;
 }
 
 uint32_t FindRange(ZOLTLbaTable* table, uint64_t offset, ZOLTLbaTableCursor* cursor, ZOLTLbaRange** range) {
@@ -144,7 +146,9 @@ uint32_t ZOLTLbaTable_RemoveRange(ZOLTLbaTable* table, uint64_t start, uint64_t 
                                   uint64_t callbackArg) {
   if (start >= end) return KAB_OK;
   ZOLTLbaTableCursor cursor;
-  const ZOLTLbaRange* range = ZOLTLbaTable_Find(table, end, &cursor);
+  ZOLTLbaRange* range = nullptr;
+  const uint32_t st = FindRange(table, end, &cursor, &range);
+  if (st != KAB_OK) return st;
   if (range != nullptr && range->start <= end) end = range->start + range->length;
   return ZOLTLbaTable_RemoveRangeExact(table, start, end, callback, callbackArg);
 }

@@ -5,7 +5,7 @@
 
 namespace kab::ds {
 
-/// ZOLTLbaTable_Insert that returns 0 or 12, the first failure; nothing is entered after it.
+/// ZOLTLbaTable_Insert that returns 0 or 12, the first failure; the other extents are entered all the same.
 uint32_t InsertExtents(ZOLTLbaTable* table, uint64_t start, uint64_t owner, const void* extents, uint64_t data,
                        ZOLTRangeDisplacedFn callback, uint64_t callbackArg);
 

@@ -29,7 +29,7 @@ class Overwrite {
     const Walk walk = Upper();
     if (walk == Walk::kDone) return status_;
     if (walk == Walk::kBackwards) Backwards();
-    if (status_ == KAB_OK && !stored_ && !Removal()) Note(Insert(fresh_));
+    if (status_ == KAB_OK && !Removal()) Note(rewritten_.node != nullptr ? Rewrite() : Insert(fresh_));
     if (status_ == KAB_OK && head_.length != 0) Note(Insert(head_));
     return status_;
   }
@@ -55,6 +55,17 @@ class Overwrite {
     uint64_t tuple[BUCKETLIST_TUPLE_WORDS];
     std::memcpy(tuple, &range, sizeof range);
     return Bucketlist_IteratorWrite(list_, &at_, tuple);
+  }
+
+  // Makes the range that was kept for it the new one. Last of all: were memory to run out before everything below is
+  // gone, the two would overlap.
+  uint32_t Rewrite() {
+    at_ = rewritten_;
+    if (deleted_) {  // entries moved
+      const uint32_t st = Bucketlist_LowerBound(list_, &at_, rewritten_.key);
+      if (st != KAB_OK) return st;
+    }
+    return Write(fresh_);
   }
 
   uint32_t Insert(const ZOLTRangeTuple& range) {
@@ -108,8 +119,7 @@ class Overwrite {
       Note(Write(range));
     } else if (!Removal()) {
       if (rangeStart < start_) KeepHead(range);
-      Note(Write(fresh_));
-      stored_ = true;
+      rewritten_ = at_;
     } else if (rangeStart == start_) {
       Note(Bucketlist_DeleteInvalidateIter(list_, &at_));
     } else if (rangeStart < start_) {
@@ -130,14 +140,14 @@ class Overwrite {
       ZOLTRangeTuple range = Current();
       if (StartOf(range) >= start_) {
         Report(range, StartOf(range), range.end);
-        if (stored_ || Removal()) {
+        if (rewritten_.node != nullptr || Removal()) {
           Note(Bucketlist_DeleteTryMaintainIter(list_, &at_));
+          deleted_ = true;
           continue;
         }
         // The uppermost one becomes the new range: nothing lies between it and the new end.
-        Note(Write(fresh_));
-        stored_ = true;
-        if (status_ != KAB_OK || StepBack() == Walk::kFinish) return;
+        rewritten_ = at_;
+        if (StepBack() == Walk::kFinish) return;
         continue;
       }
       if (range.end > start_) {
@@ -157,7 +167,8 @@ class Overwrite {
   uint64_t callbackArg_;
   BucketlistIterator at_{};
   ZOLTRangeTuple head_{};
-  bool stored_ = false;
+  BucketlistIterator rewritten_{};  // the range that becomes the new one; node null: none, it is inserted
+  bool deleted_ = false;
   uint32_t status_ = KAB_OK;
 };
 

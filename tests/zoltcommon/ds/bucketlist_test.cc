@@ -16,6 +16,7 @@
 namespace {
 
 using Tuple = std::array<uint64_t, 5>;
+using kab_test::FailAllocationAt;
 using kab_test::FailAllocations;
 
 constexpr uint32_t kNoEntry = 2;
@@ -319,10 +320,67 @@ TEST(Bucketlist, AFullNodeFindsRoomWithinSevenPredecessors) {
   }
 }
 
+TEST(Bucketlist, MovesEntriesBackAgainAndAgain) {
+  Bucketlist list;
+  Bucketlist_Init(&list, nullptr, 5);
+  for (uint64_t key = 0; key < 1024 * 4; ++key) Fill(&list, key * 64, 1);
+  for (uint64_t i = 0; i < 60; ++i) {
+    BucketlistIterator iter;
+    ASSERT_EQ(Bucketlist_LowerBound(&list, &iter, i * 64), 0U);
+    ASSERT_EQ(Bucketlist_DeleteInvalidateIter(&list, &iter), 0U);
+    Fill(&list, 64 * 4000 + 1 + i, 1);
+    ASSERT_EQ(list.stats.numNodes, 4U) << i;
+  }
+  Bucketlist_Validate(&list);
+  Bucketlist_Destroy(&list);
+}
+
+TEST(Bucketlist, IteratorsOutliveInsertions) {
+  // A node of even keys splits under the iterators; then odd keys make either half wide again, and unsorted.
+  for (const uint64_t parked : {300U, 512U, 513U, 550U, 600U, 638U, 1000U}) {
+    for (const uint64_t from : {1U, 1801U}) {
+      Bucketlist list;
+      Bucketlist_Init(&list, nullptr, 5);
+      for (uint64_t key = 0; key < 1024; ++key) Fill(&list, key * 2, 1);
+      BucketlistIterator iter;
+      ASSERT_EQ(Bucketlist_LowerBound(&list, &iter, parked * 2), 0U);
+      for (uint64_t odd = from; odd < from + 200; odd += 2) {
+        Fill(&list, odd, 1);
+        const auto isThere = [&](uint64_t key) { return key % 2 == 0 || (key >= from && key <= odd); };
+        BucketlistIterator down = iter;
+        ASSERT_EQ(Bucketlist_Predecessor(&list, &down), 0U);
+        ASSERT_EQ(down.key, isThere(iter.key - 1) ? iter.key - 1 : iter.key - 2) << parked << " with " << odd;
+        BucketlistIterator up = iter;
+        ASSERT_EQ(Bucketlist_Successor(&list, &up), 0U);
+        ASSERT_EQ(up.key, isThere(iter.key + 1) ? iter.key + 1 : iter.key + 2) << parked << " with " << odd;
+      }
+      Bucketlist_Destroy(&list);
+    }
+  }
+}
+
+TEST(Bucketlist, ManyTwinsOfAMinKeyKeepTheOrder) {
+  Bucketlist list;
+  Bucketlist_Init(&list, nullptr, 5);
+  for (uint64_t i = 0; i < 1025; ++i) Fill(&list, i < 600 ? 5 : 6, 1);  // the last one splits the node
+  Bucketlist_Validate(&list);
+  BucketlistIterator iter;
+  uint64_t last = 0;
+  uint32_t count = 0;
+  for (uint32_t st = Bucketlist_Begin(&list, &iter); st == 0; st = Bucketlist_Successor(&list, &iter), ++count) {
+    ASSERT_LE(last, iter.key);
+    last = iter.key;
+  }
+  EXPECT_EQ(count, 1025U);
+  ASSERT_EQ(Bucketlist_LowerBound(&list, &iter, 6), 0U);
+  EXPECT_EQ(iter.key, 6U);
+  Bucketlist_Destroy(&list);
+}
+
 TEST(Bucketlist, EqualKeysStayTogether) {
   Bucketlist list;
   Bucketlist_Init(&list, nullptr, 2);
-  for (const uint64_t key : {5, 3, 5, 9, 5, 1}) {
+  for (const uint64_t key : {5U, 3U, 5U, 9U, 5U, 1U}) {
     const Tuple tuple{key, 100};
     ASSERT_EQ(Bucketlist_Insert(&list, tuple.data()), 0U);
   }
@@ -337,6 +395,37 @@ TEST(Bucketlist, EqualKeysStayTogether) {
   }
   EXPECT_EQ(found, (std::vector<std::pair<uint64_t, uint64_t>>{{1, 100}, {3, 100}, {4, 7}, {4, 7}, {4, 7}, {9, 100}}));
   Bucketlist_Destroy(&list);
+}
+
+TEST(Bucketlist, LongListsCutKeyAreasOutOfMappedBlocks) {
+  constexpr uint64_t kSingle = 51 * 1024;  // entries of the nodes whose key areas are allocated one by one
+  Bucketlist list;
+  Bucketlist_Init(&list, nullptr, 5);
+  Fill(&list, 0, kSingle + 1);
+  EXPECT_EQ(list.stats.mappedBlocks, 0U);
+  const Tuple next{kSingle + 1};
+  FailAllocationAt(1);  // the block of the last node's key area
+  EXPECT_EQ(Bucketlist_Insert(&list, next.data()), kNoMemory);
+  EXPECT_EQ(list.stats.mappedBlocks, 0U);
+  FailAllocations(0);
+  Fill(&list, kSingle + 1, kSingle - 1);
+  EXPECT_EQ(list.stats.mappedBlocks, 1U);
+  // Key areas of nodes that went are used again.
+  BucketlistIterator iter;
+  ASSERT_EQ(Bucketlist_End(&list, &iter), 0U);
+  while (iter.key > 100) ASSERT_EQ(Bucketlist_DeleteTryMaintainIter(&list, &iter), 0U);
+  EXPECT_EQ(list.stats.numNodes, 1U);
+  Fill(&list, 101, 2 * kSingle - 101);
+  EXPECT_EQ(list.stats.mappedBlocks, 1U);
+  Bucketlist_Validate(&list);
+  uint64_t key = 0;
+  for (uint32_t st = Bucketlist_Begin(&list, &iter); st == 0; st = Bucketlist_Successor(&list, &iter), ++key) {
+    ASSERT_EQ(iter.key, key);
+    ASSERT_EQ(iter.payload[3], key + 4);
+  }
+  EXPECT_EQ(key, 2 * kSingle);
+  Bucketlist_Destroy(&list);
+  EXPECT_EQ(list.stats.mappedBlocks, 0U);
 }
 
 TEST(Bucketlist, ListsShareACache) {

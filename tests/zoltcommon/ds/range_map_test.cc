@@ -60,6 +60,20 @@ class Table {
   ZOLTLbaTable table;
 };
 
+// Bare bytes: u16 count, then u64 sector and u16 sectors.
+std::vector<uint8_t> Extents(const std::vector<std::pair<uint64_t, uint16_t>>& extents) {
+  std::vector<uint8_t> bytes;
+  const auto put = [&bytes](uint64_t value, int size) {
+    for (int i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+  };
+  put(extents.size(), 2);
+  for (const auto& [sector, sectors] : extents) {
+    put(sector, 8);
+    put(sectors, 2);
+  }
+  return bytes;
+}
+
 class RangeMap : public testing::Test {
  protected:
   void SetUp() override { reported = &pieces; }
@@ -166,27 +180,102 @@ constexpr ModelCase kCases[] = {
 
 INSTANTIATE_TEST_SUITE_P(Spaces, RangeMapModel, testing::ValuesIn(kCases), [](const auto& c) { return c.param.name; });
 
-TEST_F(RangeMap, StaysWholeWhenMemoryIsShort) {
-  // An overwrite may fail half-way; whatever it left is in order, and a later one goes through.
-  Table table;
-  std::mt19937_64 random(8);
-  uint32_t failed = 0;
-  for (uint32_t i = 0; i < 20000; ++i) {
-    kab_test::FailAllocations(2);
-    const uint64_t start = random() % 100000;
-    const uint32_t st = Rangemap_Insert(table.table.list, start, start + 1 + random() % 12, i, i * 512, 0, nullptr, 0);
-    kab_test::FailAllocations(0);
-    ASSERT_TRUE(st == 0 || st == kNoMemory);
-    failed += st != 0 ? 1 : 0;
-    if (i % 500 != 0) continue;
-    Bucketlist_Validate(table.table.list);
-    uint64_t end = 0;
-    for (const Range& r : table.All()) {
-      ASSERT_TRUE(r.start >= end && r.start < r.end) << r;
-      end = r.end;
+// What lies outside [start, end), without the piece that begins before `start` and reached it.
+std::vector<Range> Outside(const std::vector<Range>& ranges, uint64_t start, uint64_t end) {
+  std::vector<Range> left;
+  for (const Range& r : ranges) {
+    if (r.end < start || (r.end == start && r.start < start)) left.push_back(r);
+    if (r.end > end) {
+      const uint64_t from = std::max(r.start, end);
+      left.push_back({from, r.end, r.owner, r.address + (from - r.start), r.data});
     }
   }
-  EXPECT_GT(failed, 0U);
+  return left;
+}
+
+TEST_F(RangeMap, StaysWholeWhenMemoryIsShort) {
+  // An overwrite may fail half-way; whatever it left is in order, and outside its bounds all is as it was, but for a
+  // head piece that was cut off.
+  for (const uint32_t nodes : {0U, 2U, 4U}) {
+    BucketlistCache cache{};
+    if (nodes != 0) {
+      ASSERT_EQ(Bucketlist_CacheInit(&cache, nodes), 0U);
+    }
+    {
+      Table table(nodes != 0 ? &cache : nullptr);
+      Model model;
+      std::mt19937_64 random(8);
+      uint32_t failed = 0;
+      for (uint32_t i = 0; i < 3000; ++i) {
+        const uint64_t start = random() % 15000;
+        const Range fresh{start, start + 1 + random() % (random() % 200 == 0 ? 5000 : 8), random() % 8 == 0 ? kNone : i,
+                          i * 512, 0};
+        kab_test::FailAllocations(2 + i % 3);
+        const uint32_t st =
+            Rangemap_Insert(table.table.list, fresh.start, fresh.end, fresh.owner, fresh.address, 0, nullptr, 0);
+        kab_test::FailAllocations(0);
+        ASSERT_TRUE(st == 0 || st == kNoMemory);
+        const std::vector<Range> before = model.ranges;
+        model.Put(fresh, 0);
+        if (st == 0 && i % 100 != 0) continue;
+        const std::vector<Range> after = table.All();
+        if (st == 0) {
+          ASSERT_EQ(after, model.ranges) << fresh;
+          continue;
+        }
+        ++failed;
+        Bucketlist_Validate(table.table.list);
+        uint64_t last = 0;
+        for (const Range& r : after) {
+          ASSERT_TRUE(r.start >= last && r.start < r.end) << r << " after " << fresh;
+          last = r.end;
+        }
+        std::vector<Range> kept = Outside(before, fresh.start, fresh.end);
+        std::vector<Range> found = Outside(after, fresh.start, fresh.end);
+        std::erase_if(found, [&](const Range& r) { return r.end == fresh.start; });  // the head piece, if it is there
+        std::erase_if(kept, [&](const Range& r) { return r.end == fresh.start; });
+        ASSERT_EQ(found, kept) << fresh;
+        model.ranges = after;
+      }
+      EXPECT_GT(failed, 0U);
+    }
+    Bucketlist_CacheDestroy(&cache);
+  }
+}
+
+TEST_F(RangeMap, AFailureIsNotTheEndOfAnExtentList) {
+  // The first extent finds no memory for its node, the second does.
+  Table table;
+  kab_test::FailAllocationAt(1);
+  ZOLTLbaTable_Insert(&table.table, 1000, 0, 3, Extents({{8, 1}, {16, 1}, {24, 1}}).data(), 7, nullptr, 0);
+  kab_test::FailAllocations(0);
+  EXPECT_THAT(table.All(), ElementsAre(Range{1512, 2024, 3, 8192, 7}, Range{2024, 2536, 3, 12288, 7}));
+}
+
+TEST_F(RangeMap, ARemovalThatCannotSeeItsUpperEndFails) {
+  BucketlistCache cache{};
+  ASSERT_EQ(Bucketlist_CacheInit(&cache, 2), 0U);
+  {
+    Table table(&cache);
+    for (uint64_t i = 0; i < 5000; ++i) table.Put(i * 10, i * 10 + 10, 1, i);
+    const auto before = table.All();
+    for (uint32_t n = 1; n <= 2; ++n) {
+      ZOLTLbaTableCursor cursor;  // the removal's own node is at hand, that of the range at its end is not
+      ASSERT_NE(ZOLTLbaTable_Find(&table.table, 30000, &cursor), nullptr);
+      ASSERT_NE(ZOLTLbaTable_Find(&table.table, 5, &cursor), nullptr);
+      const uint64_t end = 10 * 1024;  // where the second node begins
+      kab_test::FailAllocationAt(n);
+      pieces.clear();
+      const uint32_t st = ZOLTLbaTable_RemoveRange(&table.table, end - 10, end, Report, 0);
+      kab_test::FailAllocations(0);
+      if (n == 1) {
+        EXPECT_EQ(st, kNoMemory);
+        EXPECT_EQ(table.All(), before);
+      }
+      EXPECT_TRUE(st == 0 || pieces.empty() || table.All() == before);
+    }
+  }
+  Bucketlist_CacheDestroy(&cache);
 }
 
 TEST_F(RangeMap, ReportsWhatItDisplaces) {
@@ -237,20 +326,6 @@ TEST_F(RangeMap, RemovalWidensOnlyUpwards) {
   }
 }
 
-// Bare bytes: u16 count, then u64 sector and u16 sectors.
-std::vector<uint8_t> Extents(const std::vector<std::pair<uint64_t, uint16_t>>& extents) {
-  std::vector<uint8_t> bytes;
-  const auto put = [&bytes](uint64_t value, int size) {
-    for (int i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
-  };
-  put(extents.size(), 2);
-  for (const auto& [sector, sectors] : extents) {
-    put(sector, 8);
-    put(sectors, 2);
-  }
-  return bytes;
-}
-
 TEST_F(RangeMap, FoldsExtentsThatNameOnePlace) {
   constexpr uint64_t kBig = 65535 * 512;
   const struct {
@@ -268,6 +343,9 @@ TEST_F(RangeMap, FoldsExtentsThatNameOnePlace) {
       // Addresses beyond 64 bits are dropped, their offsets pass.
       {{{uint64_t{1} << 55, 8}, {8, 8}}, {{5096, 9192, 3, 4096, 7}}},
       {{{(uint64_t{1} << 55) - 1, 8}, {8, 8}}, {{5096, 9192, 3, 4096, 7}}},
+      // Of those that would fold, the first still fits.
+      {{{(uint64_t{1} << 55) - 9, 8}, {(uint64_t{1} << 55) - 9, 1}},
+       {{1000, 5096, 3, kNone - 4607, 7}, {5096, 5608, 3, kNone - 4607, 7}}},
   };
   for (const auto& list : kLists) {
     Table table;
