@@ -35,6 +35,9 @@ constexpr uint32_t kJoined = 512;
 // Steps in unsorted nodes that are searched for: a few between insertions are cheaper than sorting, a walk is not.
 constexpr uint32_t kMaxUnsortedSteps = 12;
 
+// A scan asks for payloads so many entries ahead: 1 KiB.
+constexpr uint32_t kPayloadsAhead = 32;
+
 // A reference on a node.
 class Held {
  public:
@@ -509,6 +512,7 @@ uint32_t Bucketlist_Successor(Bucketlist* list, BucketlistIterator* iter) {
     const BucketlistKeyArea* area = node->keyArea;
     const uint32_t slot = node->sortedStart + next;
     if (next < node->sortedCount && area->keys[slot - 1] == iter->key) {
+      __builtin_prefetch(area->payloads + slot + kPayloadsAhead);
       iter->position = next;
       iter->key = area->keys[slot];
       std::memcpy(iter->payload, area->payloads[slot], sizeof iter->payload);
