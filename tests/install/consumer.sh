@@ -78,6 +78,13 @@ if [ -z "${CFLAGS:-}" ]; then
   unset LD_LIBRARY_PATH
 fi
 
+# The NBD plugin, where it was built: it finds its library, and the tool finds it.
+plugin=$libdir/nbdkit/plugins/nbdkit-kab-plugin.so
+if [ -f "$plugin" ] && [ -z "${CFLAGS:-}" ] && command -v nbdkit >/dev/null; then
+  says "name=kab" nbdkit "$plugin" --dump-plugin
+  grep -qF "cannot open" <<<"$("$prefix/bin/kab" serve --port 0 "$work/none" 2>&1)" || fail "kab does not find its plugin"
+fi
+
 # zlib and LZ4 come with kab::kab: a consumer calls them without naming them.
 mkdir "$work/peers"
 cat >"$work/peers/CMakeLists.txt" <<'END'

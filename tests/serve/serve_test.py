@@ -281,6 +281,13 @@ class Disk(ServeCase):
                 self.refuse(*arguments, code=code, line=line, folder=folder)
         self.assertTrue(os.path.exists(f"{self.work}/taken"))
 
+    def test_without_nbdkit_nothing_is_promised(self):
+        server = self.start("--socket", self.socket, "--disk", "0", PATH=self.work)
+        promised, lines = server.communicate(timeout=60)
+        self.assertEqual((server.returncode, promised), (1, b""))
+        self.assertIn(b"kab: nbdkit: No such file or directory", lines)
+        self.assertFalse(os.path.exists(self.socket))
+
 
 class Dedup(ServeCase):
     sample = ["--layout", "dedup", "--disks", "2", "--seed", "4"]

@@ -42,7 +42,6 @@ constexpr const char* kDetails =
     "  qemu-img convert -O qcow2 nbd://127.0.0.1:10809 component.qcow2\n";
 
 constexpr int kFirstPassedFd = 3;  // where a service finds the sockets that it was given
-constexpr int kCannotStart = 127;  // the child's exit status when there is no nbdkit
 constexpr const char* kPlugin = "nbdkit-kab-plugin.so";
 
 struct Options {
@@ -146,18 +145,19 @@ std::vector<std::string> Command(const Tool& tool, const Options& options, const
   return command;
 }
 
-/// In the child: becomes nbdkit, which finds the listening socket by the convention for started services.
-[[noreturn]] void BecomeServer(std::vector<std::string>& command, int listening) {
+/// In the child: becomes nbdkit, which finds the listening socket by the convention for started services. Otherwise the
+/// error goes through the pipe, which closes by itself when all is well.
+[[noreturn]] void BecomeServer(std::vector<std::string>& command, int listening, int pipe) {
   std::vector<char*> arguments;
   for (std::string& argument : command) arguments.push_back(argument.data());
   arguments.push_back(nullptr);
-  const int flags = listening == kFirstPassedFd ? fcntl(listening, F_SETFD, 0) : dup2(listening, kFirstPassedFd);
-  if (flags >= 0 && setenv("LISTEN_FDS", "1", 1) == 0 &&
+  const int passed = listening == kFirstPassedFd ? fcntl(listening, F_SETFD, 0) : dup2(listening, kFirstPassedFd);
+  if (passed >= 0 && setenv("LISTEN_FDS", "1", 1) == 0 &&
       setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1) == 0) {
     execvp(arguments[0], arguments.data());
   }
-  std::fprintf(stderr, "kab: nbdkit: %s\n", std::strerror(errno));
-  _exit(kCannotStart);
+  const int error = errno;
+  _exit(write(pipe, &error, sizeof error) > 0 ? 1 : 2);
 }
 
 /// SIGINT, SIGTERM and SIGCHLD wait to be taken one by one, so that none comes in between.
@@ -182,34 +182,52 @@ class TakenSignals {
   sigset_t old_;
 };
 
-/// Serves until a signal or until nbdkit ends by itself, which is a failure.
-void Serve(std::vector<std::string> command, const Listener& listener) {
-  // nbdkit waits for clients to leave, which may be never. There is nothing to lose: it only reads.
-  constexpr timespec kGrace = {1, 0};
-  const TakenSignals signals;
-  StopIfInterrupted();
-  const pid_t child = fork();
-  if (child < 0) throw SystemFailure("fork", errno);
-  if (child == 0) {
-    signals.Restore();
-    BecomeServer(command, listener.fd());
-  }
-  bool stopped = false;
-  int status = 0;
-  while (waitpid(child, &status, WNOHANG) != child) {
-    const int number = signals.Next(stopped ? &kGrace : nullptr);
-    if (number == SIGINT || number == SIGTERM) {
-      stopped = true;
-      kill(child, SIGTERM);
-    } else if (number < 0 && errno == EAGAIN) {
-      kill(child, SIGKILL);
+/// nbdkit, from its start to its end.
+class Server {
+ public:
+  /// Throws a Failure when it does not start.
+  Server(std::vector<std::string> command, const Listener& listener) {
+    StopIfInterrupted();  // before signals were taken one by one
+    int pipe[2];
+    if (pipe2(pipe, O_CLOEXEC) != 0) throw SystemFailure("pipe", errno);
+    child_ = fork();
+    int error = child_ < 0 ? errno : 0;
+    if (child_ == 0) {
+      signals_.Restore();
+      // The passed socket must not fall on the pipe.
+      const int writing = fcntl(pipe[1], F_DUPFD_CLOEXEC, kFirstPassedFd + 1);
+      BecomeServer(command, listener.fd(), writing);
     }
+    close(pipe[1]);
+    if (child_ > 0 && read(pipe[0], &error, sizeof error) > 0) waitpid(child_, nullptr, 0);
+    close(pipe[0]);
+    if (error != 0) throw SystemFailure("nbdkit", error);
   }
-  if (stopped || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) return;
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotStart) throw Failure(Exit::kError, "");
-  throw Failure(Exit::kError, WIFEXITED(status) ? fmt::format("nbdkit ended with status {}", WEXITSTATUS(status))
-                                                : fmt::format("nbdkit ended by signal {}", WTERMSIG(status)));
-}
+
+  /// Serves until a signal or until nbdkit ends by itself, which is a failure.
+  void Wait() {
+    // nbdkit waits for clients to leave, which may be never. There is nothing to lose: it only reads.
+    constexpr timespec kGrace = {1, 0};
+    bool stopped = false;
+    int status = 0;
+    while (waitpid(child_, &status, WNOHANG) != child_) {
+      const int number = signals_.Next(stopped ? &kGrace : nullptr);
+      if (number == SIGINT || number == SIGTERM) {
+        stopped = true;
+        kill(child_, SIGTERM);
+      } else if (number < 0 && errno == EAGAIN) {
+        kill(child_, SIGKILL);
+      }
+    }
+    if (stopped || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) return;
+    throw Failure(Exit::kError, WIFEXITED(status) ? fmt::format("nbdkit ended with status {}", WEXITSTATUS(status))
+                                                  : fmt::format("nbdkit ended by signal {}", WTERMSIG(status)));
+  }
+
+ private:
+  TakenSignals signals_;
+  pid_t child_ = -1;
+};
 
 struct Export {
   std::string disk;
@@ -240,6 +258,7 @@ Exit Run(Tool& tool, const Options& options) {
   const std::string plugin = PluginPath();
   const Export served = Try(tool, options);
   const Listener listener(options);
+  Server server(Command(tool, options, plugin, served.disk), listener);
   if (tool.json) {
     Json object = Tool::Header("serve");
     object["uri"] = listener.uri();
@@ -251,7 +270,7 @@ Exit Run(Tool& tool, const Options& options) {
     Tool::Print(fmt::format("{}\n", listener.uri()));
   }
   std::fflush(stdout);
-  Serve(Command(tool, options, plugin, served.disk), listener);
+  server.Wait();
   return served.whole ? Exit::kClean : Exit::kDamageIncomplete;
 }
 
