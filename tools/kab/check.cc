@@ -12,10 +12,14 @@ namespace {
 
 constexpr const char* kDetails =
     "Judges a whole group in one run: metadata blocks against each other, both checkpoint records, both logs block by\n"
-    "block, PLOG replay, dedup superblocks, their copies and the header of every dedup metadata block, Orlo block 0,\n"
-    "registry, map trees and component superblocks. Nothing is written; no finding stops the run. Each finding has a\n"
-    "code, a severity (info, warning, damage), a disk and a byte offset; --json prints one object a line and a\n"
-    "summary last. --quick leaves the scans of whole regions out.\n\n"
+    "block, PLOG replay, dedup superblocks, every dedup metadata block and its second copy, bitmaps against "
+    "translation\n"
+    "maps and hash maps, Orlo block 0, registry, map trees and component superblocks. Nothing is written; no finding\n"
+    "stops the run. Each finding has a code, a severity (info, warning, damage), a disk and a byte offset; --json "
+    "prints\n"
+    "one object a line and a summary last. A disk that does not open is a finding, and the others are judged; the "
+    "exit\n"
+    "status then tells why it did not. --quick leaves the scans of whole regions and the map trees out.\n\n"
     "Example:\n"
     "  kab check ssd.img disk0.img disk1.img\n";
 

@@ -89,11 +89,17 @@ struct Member {
 class UnitCheck {
  public:
   UnitCheck(Check& check, const DedupSet& set, Progress& progress)
-      : check_(check), set_(set), progress_(progress), window_(WindowUnits(check, set)) {
+      : check_(check),
+        set_(set),
+        progress_(progress),
+        window_(WindowUnits(check, set)),
+        placesKnown_(set.group && set.whole) {
     for (const DedupArea& area : set.members) {
       members_.emplace_back(area, window_);
       end_ = std::max(end_, area.endUnit());
       hashMaps_ = hashMaps_ && area.hasHashMap();
+      // Hashes are dealt out over the slots from the first on.
+      placesKnown_ = placesKnown_ && static_cast<uint64_t>(area.disk()->devIdx) < set.members.size();
     }
   }
 
@@ -241,7 +247,7 @@ class UnitCheck {
 
   // A compressed disk's one entry has a fixed place; without all members nobody knows where an entry belongs.
   bool IsInPlace(const DedupArea& from, uint64_t index, const uint8_t* entry) const {
-    if (!set_.group || !set_.whole) return true;
+    if (!placesKnown_) return true;
     uint8_t hash[kHashSize];
     std::memcpy(hash, entry, sizeof hash);
     uint32_t device = 0;
@@ -350,6 +356,7 @@ class UnitCheck {
   bool xmapHidden_ = false;
   bool hashHidden_ = false;
   bool hashMaps_ = true;
+  bool placesKnown_;  // where a hash entry belongs
   std::vector<Member> members_;
 };
 
