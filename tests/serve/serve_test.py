@@ -80,11 +80,14 @@ class ServeCase(unittest.TestCase):
                                  f"={self.folder}/{name}")]
 
     def start(self, *arguments, folder=None, preload=(), **environment):
-        libraries = [name for name in (os.environ.get("KAB_SERVE_PRELOAD"), *preload) if name]
-        if libraries:
-            environment["LD_PRELOAD"] = ":".join(libraries)
         return subprocess.Popen([KAB, "serve", *self.keys(), *arguments, *self.paths(folder)], cwd=self.work,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, env={**os.environ, **environment})
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                env={**os.environ, **self.preload(preload), **environment})
+
+    @staticmethod
+    def preload(libraries):
+        libraries = [name for name in (os.environ.get("KAB_SERVE_PRELOAD"), *libraries) if name]
+        return {"LD_PRELOAD": ":".join(libraries)} if libraries else {}
 
     @contextlib.contextmanager
     def serve(self, *arguments, by=signal.SIGINT, code=0, **options):
@@ -300,13 +303,17 @@ class Dedup(ServeCase):
                 run("qemu-img", "convert", "--salvage", "-f", "raw", "-O", "raw", uri, f"{self.work}/salvaged")
 
 
-class Component(ServeCase):
-    sample = ["--layout", "orlo-log", "--seed", "3"]
-
+class ComponentCase(ServeCase):
     def components(self, folder=None):
         listed = subprocess.run([KAB, "--json", "component", "list", *self.paths(folder)], check=False,
                                 stdout=subprocess.PIPE).stdout
         return [one for one in map(json.loads, listed.splitlines()[1:]) if one["hasSuperblock"]]
+
+
+class Component(ComponentCase):
+    """Its log moves a part of every map and of the data to the SSD."""
+
+    sample = ["--layout", "orlo-log", "--seed", "3"]
 
     def test_copies_are_the_pictures(self):
         for component in self.components():
@@ -318,10 +325,8 @@ class Component(ServeCase):
             holes = sum(one["length"] for one in runs if one["zero"])
             self.assertEqual(holes, len(picture) - component["allocated"])
 
-    def test_a_broken_map_hides_only_what_it_maps(self):
+    def test_hostile_bytes_end_as_errors(self):
         component = max(self.components(), key=lambda one: one["extents"])
-        folder = self.copy()
-        picture = read_file(f"{self.folder}/{component['uuid']}.picture")
         dice = random.Random(5)
         outcomes = set()
         for _ in range(10):
@@ -339,6 +344,35 @@ class Component(ServeCase):
             self.assertIn(server.returncode, (0, 4) if uri else (1, 4, 5), lines.decode())
             outcomes.add(server.returncode)
         self.assertIn(0, outcomes)
+
+
+class UnloggedComponent(ComponentCase):
+    """All of it lies on the disk."""
+
+    sample = ["--layout", "orlo", "--seed", "3"]
+
+    def test_a_bad_block_fails_alone(self):
+        """For a client, and for kab component read, which leaves zeros in its place."""
+        component = max(self.components(), key=lambda one: one["extents"])
+        uuid = component["uuid"]
+        picture = read_file(f"{self.folder}/{uuid}.picture")
+        mapped = subprocess.run([KAB, "--json", "component", "map", "-u", uuid, *self.paths()], check=True,
+                                stdout=subprocess.PIPE).stdout
+        runs = [one for one in map(json.loads, mapped.splitlines()[1:]) if one["place"] is not None]
+        longest = max(runs, key=lambda one: one["length"])
+        bad = longest["offset"] + longest["length"] - 4096
+        place = longest["place"] + longest["length"] - 1
+        expected = picture[:bad] + bytes(4096) + picture[bad + 4096:]
+        fault = {"KAB_FAIL_FROM": str(place), "KAB_FAIL_TO": str(place + 1)}
+        with self.serve("--component", uuid, preload=[FAIL_READS], **fault) as uri:
+            self.assertEqual(self.io(uri, f"read {bad} 512").count("Input/output error"), 1)
+            self.client("qemu-img", "convert", "--salvage", "-f", "raw", "-O", "raw", uri, f"{self.work}/salvaged")
+        self.assert_same(read_file(f"{self.work}/salvaged"), expected)
+        read = subprocess.run([KAB, "component", "read", "-u", uuid, "-o", f"{self.work}/read", *self.paths()],
+                              env={**os.environ, **self.preload([FAIL_READS]), **fault}, check=False,
+                              stderr=subprocess.DEVNULL)
+        self.assertEqual(read.returncode, 4)
+        self.assert_same(read_file(f"{self.work}/read"), expected)
 
 
 if __name__ == "__main__":

@@ -32,12 +32,12 @@ constexpr const char* kDetails =
     "to stdout once clients may connect.\n\n"
     "--socket makes a Unix socket that only the caller's user may open; it is removed at the end. --port listens on\n"
     "127.0.0.1 alone, for every user of this machine; 0 takes a free port.\n\n"
-    "A block that cannot be read gives EIO; every other one is served. Key files are read twice: by kab and by "
-    "nbdkit.\n"
-    "Exit status 0 after a signal; 4 when damage hid a part of the component's map.\n\n"
+    "A block that cannot be read gives an I/O error, every other one is served. The disks and the key files are read\n"
+    "twice: by kab, which tells what is wrong with them, and by nbdkit.\n\n"
+    "Exit status: 0 after a signal; 4 after it when damage hides a part of the component's map.\n\n"
     "Examples:\n"
     "  kab serve --disk 1 --socket disk1.sock ssd.img disk0.img disk1.img\n"
-    "  nbdcopy 'nbd+unix:///?socket=disk1.sock' disk1.copy\n"
+    "  nbdcopy \"nbd+unix:///?socket=$PWD/disk1.sock\" disk1.copy\n"
     "  kab serve --component UUID --port 10809 ssd.img disk0.img\n"
     "  qemu-img convert -O qcow2 nbd://127.0.0.1:10809 component.qcow2\n";
 
@@ -220,10 +220,13 @@ struct Export {
 /// Opens everything once before nbdkit does, so that what is wrong gets this tool's own line and exit status.
 Export Try(Tool& tool, const Options& options) {
   Group group(tool, options.group);
-  KABDiskCtx* disk = options.component.empty() ? group.Chosen() : nullptr;
-  if (disk != nullptr && disk->group == nullptr) ViewOfDisk(disk);
+  if (options.component.empty()) {
+    KABDiskCtx* disk = group.Chosen();
+    const std::unique_ptr<View> view = ViewOfDisk(disk);
+    ReplayLog(group);
+    return {disk->uuidText, view->size(), view->whole()};
+  }
   ReplayLog(group);
-  if (disk != nullptr) return {disk->uuidText, ViewOfDisk(disk)->size(), true};
   const Component component = FindComponent(group, options.component);
   const std::unique_ptr<View> view = ViewOfComponent(group, component);
   return {component.disk->uuidText, view->size(), view->whole()};
@@ -258,9 +261,12 @@ void AddServe(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   CLI::App* command = AddCommand(app, tool, "serve", "Serve a disk or a component over NBD, read-only", kDetails,
                                  [&tool, options] { return Run(tool, *options); });
-  command->add_option("-s,--socket", options->socket, "a Unix socket to make");
-  command->add_option("-p,--port", options->port, "a port of 127.0.0.1, 0 for a free one")->check(CLI::Range(0, 65535));
-  command->add_option("-c,--component", options->component, "UUID of a component to serve in place of a disk");
+  command->add_option("-s,--socket", options->socket, "a Unix socket to make")->type_name("PATH");
+  command->add_option("-p,--port", options->port, "a port of 127.0.0.1, 0 for a free one")
+      ->type_name("N")
+      ->check(CLI::Range(0, 65535));
+  command->add_option("-c,--component", options->component, "a component to serve in place of a disk")
+      ->type_name("UUID");
   AddDiskChoice(command, options->group);
   AddGroupOptions(command, options->group);
 }

@@ -53,11 +53,12 @@ void ReadAround(View& view, uint8_t* buffer, uint64_t length, uint64_t offset,
 /// Throws a Failure for a disk that has none.
 uint64_t LogicalSize(const KABDiskCtx& disk);
 
-/// A capacity disk's data area, or the logical bytes of its dedup layer. Needs a replayed log; the group must outlive
-/// the view. Throws a Failure for any other disk.
+/// A capacity disk's data area, or the logical bytes of its dedup layer. The log must be replayed before it is read;
+/// the group must outlive the view. Throws a Failure for any other disk.
 std::unique_ptr<View> ViewOfDisk(KABDiskCtx* disk);
 
-/// A component from its superblock on. As ViewOfDisk; replays the LLOG, too.
+/// A component from its superblock on. Needs a replayed log, and replays the LLOG, too; the group must outlive the
+/// view. Throws a Failure when it cannot be opened.
 std::unique_ptr<View> ViewOfComponent(DiskGroup& group, const Component& component);
 
 }  // namespace tool
