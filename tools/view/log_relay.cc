@@ -45,7 +45,7 @@ void LogRelay::Line(std::string_view line) {
 
 void LogRelay::Bar(std::string_view bar) {
   if (bar.empty() && bar_.empty()) return;
-  std::fprintf(stderr, "\r\033[K%.*s", static_cast<int>(bar.size()), bar.data());
+  std::fputs(("\r\033[K" + std::string(bar)).c_str(), stderr);
   std::fflush(stderr);
   bar_ = bar;
 }
