@@ -21,8 +21,9 @@ constexpr double kBar = kWidth - kLeft - kRight;
 constexpr double kBarHeight = 26;
 constexpr double kLaneHeight = 14;
 constexpr double kLaneGap = 6;
-constexpr double kChainHeight = 72;
-constexpr double kLeast = 30;  // a region's width in the bar that is not to scale
+constexpr double kChainHeight = 64;
+constexpr double kFan = 16;    // height of what leads from a bar to its magnification
+constexpr double kLeast = 22;  // a region's width in the bar that is not to scale
 constexpr uint64_t kBlock = 4096;
 constexpr int kLevels = 8;
 constexpr size_t kColours = 12;
@@ -114,16 +115,18 @@ class DiskImage {
     return kLeft + kBar * std::min(share, 1.0);
   }
 
-  // Every region gets its least width, the rest is shared out by the square root of size.
+  static double Root(const MapRegion& region) { return std::pow(static_cast<double>(region.length), 0.25); }
+
+  // Every region gets its least width, the rest is shared out by the fourth root of size.
   void Widths() {
     double roots = 0;
-    for (const MapRegion& region : disk_.regions) roots += std::sqrt(static_cast<double>(region.length));
+    for (const MapRegion& region : disk_.regions) roots += Root(region);
     const auto count = static_cast<double>(disk_.regions.size());
     const double least = std::min(kLeast, kBar / std::max(count, 1.0));
     double x = kLeft;
     for (const MapRegion& region : disk_.regions) {
       starts_.push_back(x);
-      x += least + (kBar - least * count) * std::sqrt(static_cast<double>(region.length)) / roots;
+      x += least + (kBar - least * count) * Root(region) / roots;
     }
     starts_.push_back(x);
   }
@@ -183,7 +186,7 @@ class DiskImage {
 
   void ToScale() {
     const double top = y_;
-    const double bottom = y_ + 16;
+    const double bottom = y_ + kFan;
     for (size_t i = 0; i < disk_.regions.size(); i += 2) {
       const MapRegion& region = disk_.regions[i];
       canvas_.Put("<path class=\"fan\" d=\"M{:.1f} {:.1f}H{:.1f}L{:.1f} {:.1f}H{:.1f}z\"/>\n", starts_[i], top,
@@ -271,17 +274,29 @@ class DiskImage {
     y_ += kLaneHeight + kLaneGap;
   }
 
-  // Place from left to right, age from top to bottom.
+  // Place from left to right, age from top to bottom; the lane is spread over the part of the disk that the log uses.
   void Chain(const MapChain& chain) {
     if (chain.segments.empty()) return;
-    const double top = y_ + 4;
+    uint64_t first = disk_.size;
+    uint64_t last = 0;
+    for (const MapSegment& segment : chain.segments) {
+      first = std::min(first, segment.offset);
+      last = std::max(last, segment.offset + segment.blocks * kBlock);
+    }
+    canvas_.Put("<path class=\"fan\" d=\"M{:.1f} {:.1f}H{:.1f}L{:.1f} {:.1f}H{}z\"/>\n", X(first), y_ - kLaneGap,
+                std::max(X(last), X(first) + 1), kLeft + kBar, y_ + kFan, kLeft);
+    y_ += kFan;
+    const double top = y_ + 18;
+    const auto xOf = [&](uint64_t offset) {
+      return kLeft + 10 + (kBar - 20) * static_cast<double>(offset - first) / static_cast<double>(last - first);
+    };
     const auto yOf = [&](uint64_t index) {
       return top + kChainHeight * static_cast<double>(index) / static_cast<double>(std::max<uint64_t>(chain.blocks, 1));
     };
-    canvas_.Text(kLeft - 10, top + 12, "m", chain.log + ", oldest", "end");
+    canvas_.Text(kLeft - 10, top + 4, "m", chain.log + ", oldest", "end");
     canvas_.Text(kLeft - 10, top + kChainHeight, "m", "newest", "end");
     canvas_.Put("<rect x=\"{}\" y=\"{:.1f}\" width=\"{}\" height=\"{}\" rx=\"2\" class=\"lane\"/>\n", kLeft, y_, kBar,
-                kChainHeight + 8);
+                kChainHeight + 26);
     const std::string id = fmt::format("age{}{}", index_, chain.log);
     canvas_.Put(
         "<linearGradient id=\"{}\" gradientUnits=\"userSpaceOnUse\" x1=\"0\" x2=\"0\" y1=\"{:.1f}\" y2=\"{:.1f}\">"
@@ -292,13 +307,12 @@ class DiskImage {
     std::string jumps;
     for (size_t i = 0; i < chain.segments.size(); ++i) {
       const MapSegment& segment = chain.segments[i];
-      const double fromX = X(segment.offset);
-      const double toX = std::max(X(segment.offset + segment.blocks * kBlock), fromX + 0.5);
+      const double toX = xOf(segment.offset + segment.blocks * kBlock);
       const double toY = yOf(segment.index + segment.blocks);
-      runs += fmt::format("M{:.1f} {:.1f}L{:.1f} {:.1f}", fromX, yOf(segment.index), toX, toY);
+      runs += fmt::format("M{:.1f} {:.1f}L{:.1f} {:.1f}", xOf(segment.offset), yOf(segment.index), toX, toY);
       if (i + 1 < chain.segments.size()) {
         const MapSegment& next = chain.segments[i + 1];
-        jumps += fmt::format("M{:.1f} {:.1f}L{:.1f} {:.1f}", toX, toY, X(next.offset), yOf(next.index));
+        jumps += fmt::format("M{:.1f} {:.1f}L{:.1f} {:.1f}", toX, toY, xOf(next.offset), yOf(next.index));
       }
     }
     const std::string label =
@@ -307,8 +321,9 @@ class DiskImage {
         "<g role=\"img\" aria-label=\"{}\"><title>{}</title><path class=\"jump\" d=\"{}\"/>"
         "<path class=\"path\" stroke=\"url(#{})\" d=\"{}\"/></g>\n",
         Xml(label), Xml(label), jumps, id, runs);
-    canvas_.Text(kLeft + kBar - 6, top + 12, "m", label, "end");
-    y_ += kChainHeight + 8 + kLaneGap;
+    canvas_.Text(kLeft + kBar - 8, y_ + 15, "m", label, "end");
+    canvas_.Text(kLeft + 8, top + kChainHeight, "m", fmt::format("{} to {}", first, last));
+    y_ += kChainHeight + 26 + kLaneGap;
   }
 
   Canvas& canvas_;
@@ -318,6 +333,22 @@ class DiskImage {
   double y_;
   std::vector<double> starts_;
 };
+
+// What the colours of regions stand for.
+double Legend(Canvas& canvas, double y) {
+  constexpr std::pair<const char*, const char*> kKinds[] = {
+      {"gpt", "partition tables"}, {"meta", "metadata"},        {"superblock", "superblocks, checkpoints"},
+      {"bitmap", "bitmaps"},       {"xmap", "translation map"}, {"hmap", "hash map"},
+      {"copy", "second copy"},     {"log", "write buffer"},     {"data", "data"}};
+  double x = kLeft;
+  for (const auto& [kind, name] : kKinds) {
+    canvas.Put("<rect x=\"{:.1f}\" y=\"{:.1f}\" width=\"11\" height=\"11\" rx=\"2\" class=\"k-{}\"/>\n", x, y - 10,
+               kind);
+    canvas.Text(x + 16, y, "m", name);
+    x += 36 + 6.3 * static_cast<double>(std::string_view(name).size());
+  }
+  return y + 28;
+}
 
 double ComponentList(Canvas& canvas, const MapModel& model, double y) {
   if (model.components.empty()) return y;
@@ -374,7 +405,7 @@ std::string MapSvg(const MapModel& model) {
                                           model.counts[0], model.complete ? "" : "; not all could be checked");
   canvas.Text(kLeft, 36, "h", "Disk group: " + model.verdict);
   canvas.Text(kWidth - kRight, 36, "m", summary, "end");
-  double y = 58;
+  double y = Legend(canvas, 62);
   for (size_t i = 0; i < model.disks.size(); ++i) y = DiskImage(canvas, model, i, y).Draw();
   y = ComponentList(canvas, model, y);
   y = FindingList(canvas, model, y);

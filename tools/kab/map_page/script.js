@@ -53,7 +53,7 @@ function say(text) {
   saying = setTimeout(() => { document.getElementById('status').textContent = text; }, 150);
 }
 
-const plural = (count, one) => `${number(count)} ${one}${count === 1 ? '' : 's'}`;
+const plural = (count, one, many = `${one}s`) => `${number(count)} ${count === 1 ? one : many}`;
 const tip = document.getElementById('tip');
 const state = {selected: -1, component: -1, shown: new Set(SEVERITIES), back: null};
 
@@ -111,6 +111,19 @@ class DiskView {
       make(chip, 'span', {}, region.name);
       make(chip, 'small', {}, bytes(region.length));
       chip.addEventListener('click', () => this.showRange(region.offset, region.length));
+    }
+    for (const chain of this.disk.chains.filter((each) => each.segments.length)) {
+      const chip = make(make(list, 'li'), 'button', {type: 'button'}, chain.log);
+      make(chip, 'small', {}, plural(chain.blocks, 'block'));
+      const first = Math.min(...chain.segments.map((segment) => segment.offset));
+      const end = Math.max(...chain.segments.map((segment) => segment.offset + segment.blocks * BLOCK));
+      chip.addEventListener('click', () => this.showRange(first, end - first));
+    }
+    const holders = this.disk.strips.filter((strip) => strip.kind === 'held').flatMap((strip) => strip.owners);
+    for (const slot of [...new Set(holders)].filter((owner) => owner >= 0).sort()) {
+      const item = make(list, 'li', {class: 'key'});
+      swatch(item, `c${slot % COLOURS}`);
+      item.append(`held for disk ${slot}`);
     }
   }
 
@@ -350,7 +363,7 @@ class DiskView {
       const next = chain.segments[i + 1];
       if (next) jumps += clip(toX, toY, this.x(next.offset), y(next.index), LEFT, LEFT + this.width) ?? '';
     });
-    const label = `${chain.log}: ${plural(chain.blocks, 'block')}, ${plural(chain.entries, 'entry').replace('entrys', 'entries')}` +
+    const label = `${chain.log}: ${plural(chain.blocks, 'block')}, ${plural(chain.entries, 'entry', 'entries')}` +
       `${chain.firstLsn === null ? '' : `, LSN ${number(chain.firstLsn)} to ${number(chain.lastLsn)}`}; ${chain.end}`;
     const group = make(this.plot, 'g', {role: 'img', 'aria-label': label});
     make(group, 'path', {class: 'jump', d: jumps});
