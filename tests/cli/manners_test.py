@@ -35,6 +35,7 @@ class Manners(unittest.TestCase):
         for layout in "log", "orlo", "dedup":
             cls.run_kab(cls.shared, "sample", "--layout", layout, layout)
         cls.run_kab(cls.shared, "dump", "-o", "whole.kabdump", "-r", "0:", *LOG[:1])
+        cls.run_kab(cls.shared, "dump", "--all-disks", "-o", "whole.set", *ORLO)
         listed = json_lines.parse(cls.run_kab(cls.shared, "component", "list", "--json", *ORLO).stdout)[1:]
         uuid = next(line["uuid"] for line in listed if line["hasSuperblock"])
         cls.commands = [
@@ -47,8 +48,11 @@ class Manners(unittest.TestCase):
             Command("component", "map", "-u", uuid, *ORLO),
             Command("component", "read", "-u", uuid, "-o", "NEW", *ORLO, json=False, reads=True),
             Command("dump", "-o", "NEW", "-r", "0:", *LOG[:1], reads=True),
-            Command("verify", "whole.kabdump", reads=True),
-            Command("extract", "whole.kabdump", "NEW", reads=True), Command("sample", "NEW")]
+            Command("dump", "--all-disks", "-o", "NEW", *ORLO, reads=True),
+            Command("verify", "whole.kabdump", reads=True), Command("verify", "whole.set"),
+            Command("extract", "whole.kabdump", "NEW", reads=True), Command("extract", "whole.set", "NEW"),
+            Command("diff", "whole.kabdump", *LOG[:1], reads=True), Command("diff", "whole.set", *ORLO),
+            Command("sample", "NEW")]
 
     @classmethod
     def tearDownClass(cls):
@@ -127,7 +131,7 @@ class Manners(unittest.TestCase):
                 if command.words[0] == "sample":
                     continue
                 self.assertEqual(self.run_kab(self.shared, "--nonsense", *command.words).returncode, 2)
-                words = [word if not word.endswith((".img", ".kabdump")) else "missing" for word in command.words]
+                words = [word if not word.endswith((".img", ".kabdump", ".set")) else "missing" for word in command.words]
                 self.assertEqual(self.run_kab(self.shared, *words).returncode, 1)
                 if command.words[-1].endswith("disk1.img"):
                     foreign = command.words[:-1] + [("log" if "dedup" in command.words[-1] else "dedup") + "/disk5.img"]

@@ -201,19 +201,24 @@ void Require(const Verdict& verdict, const std::string& dump) {
                 fmt::format("{}: {}", dump, verdict.reason));
 }
 
-void Summarise(Tool& tool, const std::string& dump, const Disk& disk, const Comparison& result) {
+void Begin(Tool& tool, const std::string& dump, const Disk& disk) {
+  if (!tool.json) return;
+  Json object = Tool::Header("diff");
+  object["dump"] = dump;
+  object["disk"] = disk.path();
+  object["uuid"] = disk.uuid().empty() ? Json(nullptr) : Json(disk.uuid());
+  Tool::PrintJson(object);
+}
+
+void Summarise(Tool& tool, const Disk& disk, const Comparison& result) {
   const uint64_t differing = result.bytes(kDiffers) + result.bytes(kBehindEnd);
   const uint64_t compared = differing + result.bytes(kSame);
   if (tool.json) {
-    Json object = Tool::Header("diff");
-    object["dump"] = dump;
-    object["disk"] = disk.path();
-    object["uuid"] = disk.uuid().empty() ? Json(nullptr) : Json(disk.uuid());
-    object["same"] = result.exit() == Exit::kClean;
-    object["comparedBytes"] = compared;
-    object["differingBytes"] = differing;
-    object["unreadableBytes"] = result.bytes(kUnreadable);
-    Tool::PrintJson(object);
+    Tool::PrintJson({{"disk", disk.path()},
+                     {"same", result.exit() == Exit::kClean},
+                     {"comparedBytes", compared},
+                     {"differingBytes", differing},
+                     {"unreadableBytes", result.bytes(kUnreadable)}});
   } else if (!tool.quiet) {
     std::string text = fmt::format("{}: {} of {} dumped bytes differ", disk.path(), differing, compared);
     if (result.bytes(kUnreadable) != 0) text += fmt::format(", {} cannot be read", result.bytes(kUnreadable));
@@ -225,6 +230,7 @@ using Replay = std::function<Verdict(const std::string& task, const DumpFile::Si
 
 Exit Compare(Tool& tool, const Options& options, const std::string& dump, const Disk& disk, const Replay& replay) {
   if (!options.noVerify) Require(replay("verify", {}), dump);
+  Begin(tool, dump, disk);
   Comparison comparison(tool, disk);
   Require(replay("diff",
                  [&comparison](const void* data, uint32_t length, uint64_t offset) {
@@ -233,13 +239,13 @@ Exit Compare(Tool& tool, const Options& options, const std::string& dump, const 
                  }),
           dump);
   comparison.Finish();
-  Summarise(tool, dump, disk, comparison);
+  Summarise(tool, disk, comparison);
   return comparison.exit();
 }
 
 Exit DiffFile(Tool& tool, const Options& options) {
-  if (options.disks.size() != 1) throw Failure(Exit::kUsage, "a dump file is compared with one disk");
   const DumpFile dump(options.dump);
+  if (options.disks.size() != 1) throw Failure(Exit::kUsage, "a dump file is compared with one disk");
   Require(dump.JudgeHeader(), options.dump);
   const Disk disk(tool, options.disks[0], options);
   return Compare(tool, options, options.dump, disk,
