@@ -244,8 +244,8 @@ Exit Compare(Tool& tool, const Options& options, const std::string& dump, const 
 }
 
 Exit DiffFile(Tool& tool, const Options& options) {
-  if (options.disks.size() != 1) throw Failure(Exit::kUsage, "a dump file is compared with one disk");
   const DumpFile dump(options.dump);
+  if (options.disks.size() != 1) throw Failure(Exit::kUsage, "a dump file is compared with one disk");
   Require(dump.JudgeHeader(), options.dump);
   const Disk disk(tool, options.disks[0], options);
   return Compare(tool, options, options.dump, disk,

@@ -18,8 +18,10 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
-constexpr uint32_t kMaxLines = 20;          // of what is not in the dump: a broken map has more to tell
-constexpr size_t kWriteBufferStartAt = 20;  // in the checkpoint record
+constexpr uint32_t kMaxLines = 20;  // of what is not in the dump: a broken map has more to tell
+constexpr uint64_t kRecordMagic = 0xCAFEF00D08142007;
+constexpr size_t kMagicAt = 4;  // in the checkpoint record
+constexpr size_t kWriteBufferStartAt = 20;
 constexpr uint64_t kDedupArea = 0x300000;
 constexpr size_t kDataStartAt = 164;  // in the dedup superblock, both in blocks
 constexpr size_t kExpansionSizeAt = 261;
@@ -28,6 +30,15 @@ uint64_t Word(const uint8_t* bytes) {
   uint64_t value;
   std::memcpy(&value, bytes, sizeof value);
   return value;
+}
+
+// An SSD that never had a log is no damage; one whose records are both spoilt, or cannot be read, is.
+bool HadLog(KABDiskCtx* ssd) {
+  for (uint64_t copy = 0; copy < 2; ++copy) {
+    uint8_t block[kBlock];
+    if (KABReadSSDLOGBlk(ssd, copy, block, nullptr) != KAB_OK || Word(block + kMagicAt) == kRecordMagic) return true;
+  }
+  return false;
 }
 
 bool HasDedupLayer(const KABDiskCtx& disk) { return disk.dedupCtx.superBlk != nullptr; }
@@ -52,12 +63,9 @@ void DumpPlan::AddMetadata(KABDiskCtx* disk) {
 void DumpPlan::AddLog() {
   KABDiskCtx* ssd = group_.ssd();
   AddArvoBlock(ssd);
-  LineTrap trap;  // an SSD that never had a log is no damage
-  const bool chosen = KABSSDLOGGetValidCheckPointRecord(ssd) == KAB_OK;
-  trap.Take(ssd->uuidText);
-  if (!chosen) {
+  if (LineTrap trap; KABSSDLOGGetValidCheckPointRecord(ssd) != KAB_OK) {
     AddHead(ssd);
-    tool_.Note("kab: no valid checkpoint record: no log block is in the dump");
+    if (HadLog(ssd)) Lack("the log, which has no valid checkpoint record");
     return;
   }
   // What lies in front of the write buffer, not what users wrote into it.
@@ -73,7 +81,7 @@ void DumpPlan::AddLog() {
 void DumpPlan::AddComponent(const std::string& uuid) {
   if (!Replayed()) throw Failure(Exit::kDamageIncomplete, "the log cannot be replayed: components cannot be found");
   const uint32_t llog = KABSSDLOGRecovLlogLog(group_.ssd());
-  if (llog != KAB_OK) Lack("the component's newest writes, which the LLOG holds,");
+  if (llog != KAB_OK) Lack("the newest writes of components, which the LLOG holds");
   bool found = false;
   for (KABDiskCtx* disk : group_.disks()) {
     if (disk->group == nullptr || !IsOrlo(*disk)) continue;
@@ -124,7 +132,7 @@ void DumpPlan::AddDedup(KABDiskCtx* disk) {
   // A sound superblock is taken at its word: corrections depend on which members of the group are at hand.
   if (DDPIsValidBlkHdr(disk, superBlk, DDP_BLK_SUPER, 0) == 0 && DDPValidateSuperBlk(disk, &fixed) == 0) {
     Add(disk, kDedupArea, kBlock);
-    Lack(fmt::format("the dedup regions of disk {}, which has no dedup superblock,", disk->uuidText));
+    Lack(fmt::format("the dedup regions of disk {}, which has no dedup superblock", disk->uuidText));
     return;
   }
   const uint64_t room = (disk->diskSize - kDedupArea) / kBlock;
@@ -132,7 +140,7 @@ void DumpPlan::AddDedup(KABDiskCtx* disk) {
   const uint64_t expansion = Word(superBlk + kExpansionSizeAt);
   if (dataStart > room || expansion > room - dataStart) {
     Add(disk, kDedupArea, kBlock);
-    Lack(fmt::format("the dedup regions of disk {}, which leave the disk,", disk->uuidText));
+    Lack(fmt::format("the dedup regions of disk {}, which leave the disk", disk->uuidText));
     return;
   }
   Add(disk, kDedupArea, (dataStart + expansion) * kBlock);
@@ -193,7 +201,7 @@ bool DumpPlan::Replayed() {
 void DumpPlan::Lack(const std::string& what) {
   complete_ = false;
   if (++lacks_ > kMaxLines) return;
-  tool_.log.Line(fmt::format("kab: {} is not in the dump", what));
+  tool_.log.Line(fmt::format("kab: not in the dump: {}", what));
 }
 
 }  // namespace tool
