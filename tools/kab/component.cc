@@ -264,11 +264,19 @@ Exit ReadAll(Tool& tool, Group& group, const Found& found, const Options& option
     const uint64_t offset = extent.logicalSectors * 512;
     const uint64_t length = extent.sectorCount * 512;
     pad(offset);
-    for (uint64_t done = 0; done < length && extent.physicalSectors != ~uint64_t{0};) {
+    // A run that leaves the disk is not read piece by piece: its length may be gigabytes.
+    const uint64_t place = extent.physicalSectors * 512;
+    const uint64_t room = found.disk->usableSize - std::min(found.disk->usableSize, place);
+    const uint64_t there = extent.physicalSectors == ~uint64_t{0} ? 0 : std::min(length, room);
+    if (there < length && extent.physicalSectors != ~uint64_t{0}) {
+      failed = KAB_BLOCK_INVALID;
+      tool.log.Line(fmt::format("kab: component {}: {} bytes at {} lie beyond the end of disk {}", found.vdisk.uuid,
+                                length - there, offset + there, found.disk->uuidText));
+    }
+    for (uint64_t done = 0; done < there;) {
       StopIfInterrupted();
-      const uint64_t piece = std::min<uint64_t>(buffer.size(), length - done);
-      const uint32_t st =
-          OrloReadData(found.disk, buffer.data(), static_cast<uint32_t>(piece), extent.physicalSectors * 512 + done);
+      const uint64_t piece = std::min<uint64_t>(buffer.size(), there - done);
+      const uint32_t st = OrloReadData(found.disk, buffer.data(), static_cast<uint32_t>(piece), place + done);
       if (st != KAB_OK) {
         // The range stays zero; the exit status and the library's line tell of it.
         failed = st;
