@@ -1,10 +1,14 @@
 // kab: offline inspection of the disks of an Arvo disk group. Arguments, the exit code, nothing else.
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <new>
+#include <string_view>
 
 #include "commands.h"
 #include "kab/core.h"
@@ -27,6 +31,20 @@ void AddGlobalOptions(CLI::App& app, Tool& tool) {
   app.add_flag("-q,--quiet", tool.quiet, "only results and errors");
   app.add_flag("-v,--verbose", tool.verbose, "also the library's progress lines");
   app.set_version_flag("--version", std::string("kab ") + KAB_TOOL_VERSION);
+}
+
+// Where memory runs out in a destructor (of a JSON value, for one) no exception passes.
+[[noreturn]] void OnTerminate() {
+  try {
+    if (const std::exception_ptr error = std::current_exception()) std::rethrow_exception(error);
+  } catch (const std::bad_alloc&) {
+    static constexpr std::string_view kLine = "kab: out of memory\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine.data(), kLine.size());
+    _exit(static_cast<int>(Exit::kMemory));
+  } catch (...) {
+    std::abort();
+  }
+  std::abort();
 }
 
 int Main(int argc, char** argv) {
@@ -78,6 +96,7 @@ int Main(int argc, char** argv) {
 }  // namespace tool
 
 int main(int argc, char** argv) {
+  std::set_terminate(tool::OnTerminate);
   try {
     return tool::Main(argc, argv);
   } catch (const std::exception& error) {
