@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
 
-.PHONY: all demo test bench fuzz tidy format format-check doc deb install clean
+.PHONY: all demo test bench fuzz damage tidy format format-check doc deb install clean
 
 all: build/.configured
 	cmake --build build -j $(JOBS)
@@ -34,6 +34,12 @@ fuzz:
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
 	scripts/fuzz build-fuzz $(FUZZ_SECONDS)
+
+damage:
+	scripts/install-packages ci
+	cmake --preset asan-ubsan
+	cmake --build --preset asan-ubsan -j $(JOBS) --target kab_tool kab_damage kab_faults
+	scripts/damage build-asan-ubsan
 
 tidy:
 	scripts/install-packages ci

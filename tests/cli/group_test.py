@@ -293,9 +293,24 @@ class Orlo(GroupCase):
         self.kab("component", "read", "-u", component["uuid"], "-f", "-o", f"{self.work}/out", *self.paths(folder),
                  code=4)
 
+    def test_a_run_that_leaves_the_disk_fills_no_file(self):
+        component = next(one for one in self.components() if one["slot"] == 0)  # its map is one leaf
+        folder = self.copy()
+        with open(f"{folder}/disk0.img", "r+b") as image:
+            leaf = DATA + component["mapBlock"] * 4096
+            image.seek(leaf + 16)
+            record = leaf + 1034 + 12 * ((struct.unpack("<H", image.read(2))[0] & 0x7fff) - 1)
+            image.seek(record)
+            image.write(struct.pack("<QI", 64, 1 << 26 | 0x3ffffff))  # 256 GiB from block 64 on
+        out = f"{self.work}/out"
+        self.kab("component", "read", "-u", component["uuid"], "-o", out, *self.paths(folder), code=4)
+        self.assertGreater(os.path.getsize(out), 1 << 37)
+        self.assertLess(os.stat(out).st_blocks * 512, 64 * MIB)
+
 
 class LoggedOrlo(Orlo):
     sample = ["--layout", "orlo-log", "--seed", "3"]
+    test_a_run_that_leaves_the_disk_fills_no_file = None  # the map is in the log
 
     def test_damage_is_told_and_the_rest_goes_on(self):
         """Damage on the disk under what the log holds is no damage."""

@@ -11,14 +11,20 @@
  *    CALL@N+=EFFECT   the Nth and all after it       pwrite@2+=ENOSPC,calloc@40=ENOMEM
  *
  * CALL is open, pread, pwrite, read, write, fstat, fsync, ftruncate, close, malloc, calloc or realloc. EFFECT is an
- * errno by name (those of kErrors) or number; "short", half of what was asked for; or "none", no byte at all and no
- * error. KAB_FAULT_PATH makes calls count only on files whose path contains that text. A broken plan ends the process.
+ * errno by name (those of kErrors) or number; "short", half of what was asked for; "none", no byte at all and no error;
+ * or "die": the process is killed in place of the call, as by a loss of power. KAB_FAULT_PATH makes calls count only on
+ * files whose path contains that text. A broken plan ends the process.
+ *
+ * The module counts from the beginning of main to its end, so that the loader's calls are no part of a plan, and writes
+ * how often each call was made to the file KAB_FAULT_COUNTS, "CALL N" a line.
  */
 #define _GNU_SOURCE
 #include "support/fault_shim.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -52,16 +58,17 @@ static const struct {
                {"EMFILE", EMFILE}, {"EINTR", EINTR},   {"EDQUOT", EDQUOT}, {"EACCES", EACCES},
                {"EROFS", EROFS},   {"EFBIG", EFBIG},   {"ENXIO", ENXIO}};
 
-enum { kShort = -1, kNone = -2, kNoFault = 0, kMaxRules = 16 };
+enum { kShort = -1, kNone = -2, kDie = -3, kNoFault = 0, kMaxRules = 16 };
 
 static struct {
   enum Call call;
   unsigned long at;
   int onward;
-  int effect; /* an errno, kShort or kNone */
+  int effect; /* an errno, kShort, kNone or kDie */
 } rules[kMaxRules];
 static unsigned ruleCount;
 static unsigned long calls[kCalls];
+static int counting; /* the module: only within main */
 static char pathPart[256];
 
 static void Broken(const char* plan) {
@@ -77,6 +84,7 @@ static void Broken(const char* plan) {
 static int ParseEffect(const char* text, size_t length, const char* plan) {
   if (length == 5 && memcmp(text, "short", 5) == 0) return kShort;
   if (length == 4 && memcmp(text, "none", 4) == 0) return kNone;
+  if (length == 3 && memcmp(text, "die", 3) == 0) return kDie;
   for (size_t i = 0; i < sizeof kErrors / sizeof *kErrors; ++i) {
     if (strlen(kErrors[i].name) == length && memcmp(kErrors[i].name, text, length) == 0) return kErrors[i].error;
   }
@@ -113,6 +121,7 @@ void KabFaultPlan(const char* plan, const char* path) {
     __atomic_store_n(&ruleCount, ruleCount + 1, __ATOMIC_RELEASE);
     rest = effect + length + (effect[length] == ',');
   }
+  counting = 1;
 }
 
 unsigned long KabFaultCalls(const char* call) {
@@ -124,11 +133,14 @@ unsigned long KabFaultCalls(const char* call) {
 
 /* Counts a call and says what is to happen to it. */
 static int Fault(enum Call call) {
+  if (!counting) return kNoFault;
   const unsigned long number = __atomic_add_fetch(&calls[call], 1, __ATOMIC_ACQ_REL);
   const unsigned count = __atomic_load_n(&ruleCount, __ATOMIC_ACQUIRE);
   for (unsigned i = 0; i < count; ++i) {
     if (rules[i].call != call) continue;
-    if (number == rules[i].at || (rules[i].onward && number > rules[i].at)) return rules[i].effect;
+    if (number != rules[i].at && !(rules[i].onward && number > rules[i].at)) continue;
+    if (rules[i].effect == kDie) syscall(SYS_kill, getpid(), SIGKILL);
+    return rules[i].effect;
   }
   return kNoFault;
 }
@@ -165,12 +177,41 @@ extern void* __real_realloc(void* block, size_t size);
 extern void* __libc_malloc(size_t size);
 extern void* __libc_calloc(size_t count, size_t size);
 extern void* __libc_realloc(void* block, size_t size);
-#define REAL_MALLOC __libc_malloc
-#define REAL_CALLOC __libc_calloc
-#define REAL_REALLOC __libc_realloc
+/* Under AddressSanitizer its own, or it would not know the blocks that it is asked to free. */
+extern void* __interceptor_malloc(size_t size) __attribute__((weak));
+extern void* __interceptor_calloc(size_t count, size_t size) __attribute__((weak));
+extern void* __interceptor_realloc(void* block, size_t size) __attribute__((weak));
+#define REAL_MALLOC (__interceptor_malloc != NULL ? __interceptor_malloc : __libc_malloc)
+#define REAL_CALLOC (__interceptor_calloc != NULL ? __interceptor_calloc : __libc_calloc)
+#define REAL_REALLOC (__interceptor_realloc != NULL ? __interceptor_realloc : __libc_realloc)
 
-__attribute__((constructor)) static void TakePlan(void) {
+static void WriteCounts(const char* path) {
+  const int fd = (int)syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) return;
+  for (unsigned i = 0; i < kCalls; ++i) dprintf(fd, "%s %lu\n", kNames[i], calls[i]);
+  syscall(SYS_close, fd);
+}
+
+static int (*realMain)(int, char**, char**);
+
+static int CountedMain(int argc, char** argv, char** variables) {
   KabFaultPlan(getenv("KAB_FAULTS"), getenv("KAB_FAULT_PATH"));
+  const int status = realMain(argc, argv, variables);
+  counting = 0;
+  const char* counts = getenv("KAB_FAULT_COUNTS");
+  if (counts != NULL) WriteCounts(counts);
+  return status;
+}
+
+typedef int (*StartFn)(int (*)(int, char**, char**), int, char**, void (*)(void), void (*)(void), void (*)(void),
+                       void*);
+__attribute__((visibility("default"))) int __libc_start_main(int (*mainFn)(int, char**, char**), int argc, char** argv,
+                                                             void (*init)(void), void (*fini)(void),
+                                                             void (*unload)(void), void* stackEnd) {
+  StartFn start;
+  *(void**)&start = dlsym(RTLD_NEXT, "__libc_start_main");
+  realMain = mainFn;
+  return start(CountedMain, argc, argv, init, fini, unload, stackEnd);
 }
 #endif
 #define EXPORT __attribute__((visibility("default")))

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "kab/core.h"
+#include "no_memory.h"
 
 namespace tool {
 namespace {
@@ -90,6 +91,7 @@ std::vector<std::string> LineTrap::Take(const std::string& disk) {
   std::rewind(stream_);
   std::vector<std::string> lines;
   for (std::string line; std::getline(text, line);) {
+    if (TellsOfNoMemory(line)) throw Failure(Exit::kMemory, line);  // says nothing about the disks
     for (const std::string& prefix : {disk + ": ", std::string("MetaError: "), std::string("Error: ")}) {
       if (line.starts_with(prefix)) line.erase(0, prefix.size());
     }

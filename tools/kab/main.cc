@@ -1,10 +1,14 @@
 // kab: offline inspection of the disks of an Arvo disk group. Arguments, the exit code, nothing else.
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <new>
+#include <string_view>
 
 #include "commands.h"
 #include "completion.h"
@@ -54,6 +58,20 @@ Exit ShowHelp(const CLI::App& app) {
   const CommandEntry* command = chosen.empty() ? nullptr : table.Find(chosen[0]->get_name());
   Tool::Print(HelpText(table, command == nullptr ? table.tool : *command));
   return Exit::kClean;
+}
+
+// Where memory runs out in a destructor (of a JSON value, for one) no exception passes.
+[[noreturn]] void OnTerminate() {
+  try {
+    if (const std::exception_ptr error = std::current_exception()) std::rethrow_exception(error);
+  } catch (const std::bad_alloc&) {
+    static constexpr std::string_view kLine = "kab: out of memory\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, kLine.data(), kLine.size());
+    _exit(static_cast<int>(Exit::kMemory));
+  } catch (...) {
+    std::abort();
+  }
+  std::abort();
 }
 
 int Main(int argc, char** argv) {
@@ -106,6 +124,7 @@ int Main(int argc, char** argv) {
 }  // namespace tool
 
 int main(int argc, char** argv) {
+  std::set_terminate(tool::OnTerminate);
   try {
     return tool::Main(argc, argv);
   } catch (const std::exception& error) {

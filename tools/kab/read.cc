@@ -48,8 +48,8 @@ struct Options {
 using Reader = std::function<uint32_t(void* buffer, uint32_t length, uint64_t offset)>;
 using Writer = std::function<void(const std::vector<uint8_t>& bytes, uint64_t offset)>;
 
-void ForEachPiece(const Range& range, uint64_t pieceSize, const Reader& reader, Progress& progress,
-                  const Writer& writer) {
+void ForEachPiece(const KABDiskCtx& disk, const Range& range, uint64_t pieceSize, const Reader& reader,
+                  Progress& progress, const Writer& writer) {
   std::vector<uint8_t> buffer;
   for (uint64_t done = 0; done < range.length;) {
     StopIfInterrupted();
@@ -58,7 +58,8 @@ void ForEachPiece(const Range& range, uint64_t pieceSize, const Reader& reader, 
     const uint32_t status = reader(buffer.data(), static_cast<uint32_t>(buffer.size()), offset);
     if (status != KAB_OK) {
       throw Failure(ExitOfStatus(status),
-                    fmt::format("reading {} bytes at {}: {}", buffer.size(), offset, StatusText(status)));
+                    fmt::format("reading {} bytes at {} of disk {}: {}", buffer.size(), offset, disk.uuidText,
+                                StatusText(status)));
     }
     writer(buffer, offset);
     progress.Add(buffer.size());
@@ -141,7 +142,7 @@ Exit Run(Tool& tool, const Options& options) {
     for (const Range& range : ranges) header["ranges"].push_back({{"offset", range.offset}, {"length", range.length}});
     Tool::PrintJson(header);
     for (const Range& range : ranges) {
-      ForEachPiece(range, kJsonPiece, reader, progress, [](const std::vector<uint8_t>& bytes, uint64_t offset) {
+      ForEachPiece(*ctx, range, kJsonPiece, reader, progress, [](const std::vector<uint8_t>& bytes, uint64_t offset) {
         Tool::PrintJson({{"offset", offset}, {"length", bytes.size()}, {"data", HexText(bytes.data(), bytes.size())}});
       });
     }
@@ -152,7 +153,7 @@ Exit Run(Tool& tool, const Options& options) {
   OutFile out(options.out, options.force);
   const bool hex = options.hex || (options.out == "-" && isatty(STDOUT_FILENO) != 0);
   for (const Range& range : ranges) {
-    ForEachPiece(range, kPiece, reader, progress, [&](const std::vector<uint8_t>& bytes, uint64_t offset) {
+    ForEachPiece(*ctx, range, kPiece, reader, progress, [&](const std::vector<uint8_t>& bytes, uint64_t offset) {
       if (hex) {
         const std::string text = HexListing(bytes, offset);
         out.Write(text.data(), text.size());

@@ -51,6 +51,7 @@ void InstallSignals() {
   sigaction(SIGTERM, &action, nullptr);
   action.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &action, nullptr);
+  sigaction(SIGXFSZ, &action, nullptr);  // a file over its limit is a failed write like any other
 }
 
 bool Interrupted() { return interrupted != 0; }
