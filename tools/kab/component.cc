@@ -157,10 +157,16 @@ Exit ReadAll(Tool& tool, Group& group, const Component& found, const Options& op
   Exit code = view->whole() ? Exit::kClean : Exit::kDamageIncomplete;
   const auto bad = [&code](uint64_t, uint64_t, uint32_t) { code = Exit::kDamageIncomplete; };
   view->ForEachRun(0, view->size(), [&](const View::Run& run) {
-    for (uint64_t done = 0; done < run.length && !(run.hole && sparse);) {
+    if (run.beyond) {
+      code = Exit::kDamageIncomplete;
+      tool.log.Line(fmt::format("kab: component {}: {} bytes at {} lie beyond the end of disk {}", found.vdisk.uuid,
+                                run.length, run.offset, found.disk->uuidText));
+    }
+    const bool zeros = run.hole || run.beyond;
+    for (uint64_t done = 0; done < run.length && !(zeros && sparse);) {
       StopIfInterrupted();
       const uint64_t piece = std::min<uint64_t>(buffer.size(), run.length - done);
-      if (run.hole) {
+      if (zeros) {
         std::fill_n(buffer.begin(), piece, uint8_t{0});
       } else {
         ReadAround(*view, buffer.data(), piece, run.offset + done, bad);

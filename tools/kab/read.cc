@@ -57,9 +57,8 @@ void ForEachPiece(const KABDiskCtx& disk, const Range& range, uint64_t pieceSize
     buffer.resize(std::min(range.length - done, pieceSize));
     const uint32_t status = reader(buffer.data(), static_cast<uint32_t>(buffer.size()), offset);
     if (status != KAB_OK) {
-      throw Failure(ExitOfStatus(status),
-                    fmt::format("reading {} bytes at {} of disk {}: {}", buffer.size(), offset, disk.uuidText,
-                                StatusText(status)));
+      throw Failure(ExitOfStatus(status), fmt::format("reading {} bytes at {} of disk {}: {}", buffer.size(), offset,
+                                                      disk.uuidText, StatusText(status)));
     }
     writer(buffer, offset);
     progress.Add(buffer.size());

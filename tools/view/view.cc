@@ -67,18 +67,26 @@ class ComponentView : public View {
   void ForEachRun(uint64_t offset, uint64_t length, const TakeRun& take) override {
     const uint64_t end = offset + length;
     uint64_t at = offset;  // what lies before was taken
-    const auto upTo = [&](uint64_t to, bool hole) {
+    enum Kind { kData, kHole, kBeyond };
+    const auto upTo = [&](uint64_t to, Kind kind) {
       to = std::min(to, end);
       if (to <= at) return;
-      take({at, to - at, hole && !IsLogged(at, to)});
+      const bool logged = kind != kData && IsLogged(at, to);
+      take({at, to - at, kind == kHole && !logged, kind == kBeyond && !logged});
       at = to;
     };
     const uint32_t status =
         ForEachExtent(component_, offset / kBlock, (end + kBlock - 1) / kBlock, [&](const OrloExtent& extent) {
-          upTo(extent.logicalSectors * 512, true);
-          upTo((extent.logicalSectors + extent.sectorCount) * 512, extent.physicalSectors == kNowhere);
+          const uint64_t start = extent.logicalSectors * 512;
+          const uint64_t length = extent.sectorCount * 512;
+          const bool hole = extent.physicalSectors == kNowhere;
+          const uint64_t disk = component_.disk->usableSize;
+          const uint64_t room = disk - std::min(disk, extent.physicalSectors * 512);
+          upTo(start, kHole);
+          upTo(start + (hole ? length : std::min(length, room)), hole ? kHole : kData);
+          upTo(start + length, kBeyond);
         });
-    upTo(end, status == KAB_OK);
+    upTo(end, status == KAB_OK ? kHole : kData);
   }
 
  private:
@@ -119,7 +127,7 @@ class ComponentView : public View {
 
 }  // namespace
 
-void View::ForEachRun(uint64_t offset, uint64_t length, const TakeRun& take) { take({offset, length, false}); }
+void View::ForEachRun(uint64_t offset, uint64_t length, const TakeRun& take) { take({offset, length, false, false}); }
 
 void ReadAround(View& view, uint8_t* buffer, uint64_t length, uint64_t offset,
                 const std::function<void(uint64_t offset, uint64_t length, uint32_t status)>& bad) {

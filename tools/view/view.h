@@ -16,7 +16,8 @@ class View {
   struct Run {
     uint64_t offset;  // bytes
     uint64_t length;
-    bool hole;  // nothing lies there: it reads as zeros
+    bool hole;    // nothing lies there: it reads as zeros
+    bool beyond;  // its place is past the disk's end: it cannot be read, and may be as long as a forged map says
   };
   using TakeRun = std::function<void(const Run&)>;
 
