@@ -20,7 +20,7 @@
 
 #include "damage/damage_case.h"
 #include "damage/seed.h"
-#include "kab/exit_codes.h"
+#include "view/exit_codes.h"
 #include "support/run_tool.h"
 #include "support/temp_dir.h"
 

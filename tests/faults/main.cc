@@ -18,7 +18,7 @@
 #include <sstream>
 
 #include "damage/seed.h"
-#include "kab/exit_codes.h"
+#include "view/exit_codes.h"
 #include "support/run_tool.h"
 #include "support/temp_dir.h"
 

@@ -78,13 +78,13 @@ class ComponentView : public View {
     const uint32_t status =
         ForEachExtent(component_, offset / kBlock, (end + kBlock - 1) / kBlock, [&](const OrloExtent& extent) {
           const uint64_t start = extent.logicalSectors * 512;
-          const uint64_t length = extent.sectorCount * 512;
+          const uint64_t bytes = extent.sectorCount * 512;
           const bool hole = extent.physicalSectors == kNowhere;
           const uint64_t disk = component_.disk->usableSize;
           const uint64_t room = disk - std::min(disk, extent.physicalSectors * 512);
           upTo(start, kHole);
-          upTo(start + (hole ? length : std::min(length, room)), hole ? kHole : kData);
-          upTo(start + length, kBeyond);
+          upTo(start + (hole ? bytes : std::min(bytes, room)), hole ? kHole : kData);
+          upTo(start + bytes, kBeyond);
         });
     upTo(end, status == KAB_OK ? kHole : kData);
   }
