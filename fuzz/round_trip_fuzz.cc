@@ -88,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size >= kWhereSize) std::memcpy(&where, data + 1, sizeof where);
 
   const std::string path = FreshPath();
-  KABDumpCtx* dump = KABInitDumpFile(path.c_str(), "/dev/source", kDiskSize);
+  KABDumpCtx* dump = KABInitDumpFile(path.c_str(), "/dev/null", kDiskSize);
   KAB_DEMAND(dump != nullptr);
   std::vector<uint8_t> picture;
   size_t left = kMostRecords;

@@ -219,7 +219,7 @@ std::string BashScript(const OptionTable& table) {
 
 // ---- zsh
 
-// Text inside an _arguments specification, where brackets and colons have a meaning.
+// Text inside an argument of _arguments, where brackets and colons have a meaning.
 std::string ZshText(const std::string& text) {
   std::string escaped;
   for (const char c : text) {
@@ -243,7 +243,7 @@ std::string ZshAction(const OptionEntry& option) {
   return " ";
 }
 
-// One specification for _arguments a line, with a backslash at its end.
+// One argument of _arguments a line, with a backslash at its end.
 std::string ZshSpecs(const CommandEntry& command, const std::string& indent) {
   std::string text;
   for (const OptionEntry& option : command.options) {

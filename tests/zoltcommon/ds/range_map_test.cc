@@ -210,7 +210,7 @@ TEST_F(RangeMap, StaysWholeWhenMemoryIsShort) {
         const uint64_t start = random() % 15000;
         const Range fresh{start, start + 1 + random() % (random() % 200 == 0 ? 5000 : 8), random() % 8 == 0 ? kNone : i,
                           i * 512, 0};
-        kab_test::FailAllocations(2 + i % 3);
+        kab_test::FailAllocations(1 + i % 3);
         const uint32_t st =
             Rangemap_Insert(table.table.list, fresh.start, fresh.end, fresh.owner, fresh.address, 0, nullptr, 0);
         kab_test::FailAllocations(0);
