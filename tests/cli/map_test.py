@@ -222,7 +222,8 @@ class Log(MapCase):
         folder = self.copy()
         block = self.model()["disks"][0]["chains"][0]["segments"][0]["offset"] + 20 * 4096
         flip(f"{folder}/ssd.img", block + 100)  # torn: the log ends there
-        self.assertEqual(self.model(folder)["disks"][0]["chains"][0]["blocks"], 20)
+        self.assertEqual(self.model(folder, 4)["disks"][0]["chains"][0]["blocks"], 20)
+        self.assert_pin(folder, "LOG-SHORT", 0, block - 4096, "write buffer", 4)  # the last block
 
 
 class Dedup(MapCase):
@@ -456,9 +457,10 @@ class Browser(MapCase):
 
     def test_a_finding_leads_to_its_place_and_back(self):
         folder = self.copy()
-        offset = DATA + self.words(2)(116) * 4096
-        flip(f"{folder}/disk2.img", offset + 200)
-        index = next(i for i, pin in enumerate(self.model(folder, 4)["findings"]) if pin["offset"] == offset)
+        block = DATA + self.words(2)(116) * 4096
+        flip(f"{folder}/disk2.img", block + 200)
+        index, offset = next((i, pin["offset"]) for i, pin in enumerate(self.model(folder, 4)["findings"])
+                             if pin["code"] == "DDP-BLOCK-HEADER" and block <= (pin["offset"] or 0) < block + 4096)
         page = self.open(folder, 4)
         row = f"tr[data-finding='{index}']"
         page.click(f"{row} button")
