@@ -20,9 +20,9 @@
 
 #include "damage/damage_case.h"
 #include "damage/seed.h"
-#include "view/exit_codes.h"
 #include "support/run_tool.h"
 #include "support/temp_dir.h"
+#include "view/exit_codes.h"
 
 namespace {
 

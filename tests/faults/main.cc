@@ -18,9 +18,9 @@
 #include <sstream>
 
 #include "damage/seed.h"
-#include "view/exit_codes.h"
 #include "support/run_tool.h"
 #include "support/temp_dir.h"
+#include "view/exit_codes.h"
 
 namespace {
 

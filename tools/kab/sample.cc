@@ -298,7 +298,8 @@ void AddSample(CLI::App& app, Tool& tool) {
       ->type_name("SLOT")
       ->allow_extra_args(false);
   command->add_option("--seed", options->seed, "what the contents are drawn from")->capture_default_str();
-  command->add_option("--scale", options->scale, "times as much in components and dedup layers; the disks must have room")
+  command
+      ->add_option("--scale", options->scale, "times as much in components and dedup layers; the disks must have room")
       ->check(CLI::Range(1, 1000))
       ->capture_default_str();
   command->add_flag("--with-clear", options->withClear, "also write diskN.clear.img, an enciphered disk in clear");
