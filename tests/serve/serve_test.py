@@ -244,6 +244,8 @@ class Disk(ServeCase):
             with socket.create_connection(("127.0.0.1", port)):
                 self.refuse("--disk", "0", "--port", str(port), code=1, line="Address already in use")
 
+    @unittest.skipIf("KAB_SERVE_PRELOAD" in os.environ,
+                     "under the sanitizer's runtime nbdkit waits for a lock of its own in exit, whatever its plugin")
     def test_without_its_parent_the_server_ends(self):
         server = self.start("--socket", self.socket, "--disk", "0")
         server.stdout.readline()

@@ -126,7 +126,7 @@ class Listener {
 
 /// Lies to the tool as in the tree it was built in.
 std::string PluginPath() {
-  const std::string path = std::filesystem::read_symlink("/proc/self/exe").parent_path() / KAB_PLUGIN_DIR / kPlugin;
+  std::string path = std::filesystem::read_symlink("/proc/self/exe").parent_path() / KAB_PLUGIN_DIR / kPlugin;
   if (access(path.c_str(), R_OK) != 0) throw SystemFailure(path, errno);
   return path;
 }
@@ -149,6 +149,7 @@ std::vector<std::string> Command(const Tool& tool, const Options& options, const
 /// error goes through the pipe, which closes by itself when all is well.
 [[noreturn]] void BecomeServer(std::vector<std::string>& command, int listening, int pipe) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (std::string& argument : command) arguments.push_back(argument.data());
   arguments.push_back(nullptr);
   const int passed = listening == kFirstPassedFd ? fcntl(listening, F_SETFD, 0) : dup2(listening, kFirstPassedFd);
