@@ -157,6 +157,9 @@ class MapCase(Base):
     def test_outputs_are_guarded(self):
         self.pictures()
         self.kab("map", "--svg", "map.svg", *self.paths(), code=2)
+        self.kab("map", "--svg", "-", "--html", "-", *self.paths(), code=2)
+        self.kab("map", "--text", "--svg", "-", *self.paths(), code=2)
+        xml.dom.minidom.parseString(self.kab("map", "--svg", "-", *self.paths()))
         folder = self.copy()
         before = [read_file(path) for path in self.paths(folder)]
         self.kab("map", "-f", "--html", self.paths(folder)[0], *self.paths(folder), code=2)

@@ -46,18 +46,28 @@ unsigned Columns() {
 }
 
 void WriteOut(const Options& options, const std::string& path, const std::string& data) {
-  RefuseInput(path, options.group.Paths());
   OutFile out(path, options.force);
   out.Write(data.data(), data.size());
   out.Commit();
 }
 
-Exit Run(Tool& tool, const Options& options) {
-  for (const std::string* path : {&options.svg, &options.html}) {  // before minutes of reading
+// Before minutes of reading.
+void CheckOutputs(const Tool& tool, const Options& options) {
+  int onStdout = tool.json || options.text ? 1 : 0;
+  for (const std::string* path : {&options.svg, &options.html}) {
     if (path->empty()) continue;
+    if (*path == "-") {
+      ++onStdout;
+      continue;
+    }
     RefuseInput(*path, options.group.Paths());
-    if (*path != "-") RefuseExisting(*path, options.force);
+    RefuseExisting(*path, options.force);
   }
+  if (onStdout > 1) throw Failure(Exit::kUsage, "map: only one form at a time can go to stdout");
+}
+
+Exit Run(Tool& tool, const Options& options) {
+  CheckOutputs(tool, options);
   Group group(tool, options.group);
   MapModel model;
   MapGather gather{tool, group, model, options.quick};

@@ -67,7 +67,7 @@ uint64_t ForEachBlock(const Member& member, uint64_t start, uint64_t count, Prog
                       const std::function<void(uint64_t index, const uint8_t* block)>& take) {
   uint64_t unread = 0;
   std::vector<uint8_t> buffer(kBatch * kBlock);
-  if (start > member.areaBlocks) return count;
+  if (start > member.areaBlocks) return 0;  // a finding of its own
   count = std::min(count, member.areaBlocks - start);
   for (uint64_t first = 0; first < count; first += kBatch) {
     StopIfInterrupted();
