@@ -204,20 +204,23 @@ TEST_F(RangeMap, StaysWholeWhenMemoryIsShort) {
     {
       Table table(nodes != 0 ? &cache : nullptr);
       Model model;
+      for (uint64_t i = 0; i < 6000; ++i) {
+        model.ranges.push_back({i * 8, i * 8 + 6, i, i * 512, 0});
+        table.Put(i * 8, i * 8 + 6, i, i * 512);
+      }
       std::mt19937_64 random(8);
       uint32_t failed = 0;
-      for (uint32_t i = 0; i < 3000; ++i) {
-        const uint64_t start = random() % 15000;
-        const Range fresh{start, start + 1 + random() % (random() % 200 == 0 ? 5000 : 8), random() % 8 == 0 ? kNone : i,
-                          i * 512, 0};
-        kab_test::FailAllocations(2 + i % 3);
+      for (uint32_t i = 0; i < 600; ++i) {
+        const uint64_t start = random() % 48000;
+        const Range fresh{start, start + 1 + random() % (i % 4 == 3 ? 9000 : 8), i % 16 == 7 ? kNone : i, i * 512, 0};
+        kab_test::FailAllocations(nodes == 0 ? 1 : 2 + i % 3);
         const uint32_t st =
             Rangemap_Insert(table.table.list, fresh.start, fresh.end, fresh.owner, fresh.address, 0, nullptr, 0);
         kab_test::FailAllocations(0);
         ASSERT_TRUE(st == 0 || st == kNoMemory);
         const std::vector<Range> before = model.ranges;
         model.Put(fresh, 0);
-        if (st == 0 && i % 100 != 0) continue;
+        if (st == 0 && i % 20 != 0) continue;
         const std::vector<Range> after = table.All();
         if (st == 0) {
           ASSERT_EQ(after, model.ranges) << fresh;
