@@ -36,6 +36,7 @@ struct Options {
   std::string diskSize = "16M";
   std::vector<uint32_t> encrypt;
   uint64_t seed = 1;
+  uint32_t scale = 1;
   bool withClear = false;
   bool withPicture = false;
   bool force = false;
@@ -127,7 +128,8 @@ Made MakeOrlo(const Options& options) {
                                 .disks = options.disks,
                                 .ssdSize = DiskSize("--ssd-size", options.ssdSize),
                                 .diskSize = DiskSize("--disk-size", options.diskSize),
-                                .logged = kLogged});
+                                .logged = kLogged,
+                                .scale = options.scale});
   Made made{image.Group(), {}};
   for (const sample::SampleComponent& component : image.Components()) {
     if (component.superBlockPresent) {
@@ -148,7 +150,7 @@ Made MakeDedup(const Options& options) {
                               .disks = options.disks,
                               .diskSize = made.group.Disk(0).size(),
                               .ssdSize = made.group.Ssd().size()});
-    image.StoreMixture(std::min<uint64_t>(image.Place().dataSize / 4, 2000), options.seed);
+    image.StoreMixture(std::min<uint64_t>(image.Place().dataSize / 4, 2000 * uint64_t{options.scale}), options.seed);
     image.Seal();
     made.group = image.Group();
     for (uint32_t i = 0; i < options.disks; i++) {
@@ -292,6 +294,9 @@ void AddSample(CLI::App& app, Tool& tool) {
   command->add_option("--disk-size", options->diskSize, "size of each capacity disk")->capture_default_str();
   command->add_option("--encrypt", options->encrypt, "slot of a disk to encipher; repeatable")->allow_extra_args(false);
   command->add_option("--seed", options->seed, "what the contents are drawn from")->capture_default_str();
+  command->add_option("--scale", options->scale, "times as much in components and dedup layers; the disks must have room")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
   command->add_flag("--with-clear", options->withClear, "also write diskN.clear.img, an enciphered disk in clear");
   command->add_flag("--with-picture", options->withPicture,
                     "also write what a reader should get: a disk as its group sees it, a component's bytes");

@@ -45,12 +45,12 @@ std::vector<OrloRun> ComponentRuns(uint32_t count, uint32_t longest, uint64_t se
   return runs;
 }
 
-void AddVdisks(OrloImage& orlo, uint32_t disk, uint64_t seed) {
+void AddVdisks(OrloImage& orlo, uint32_t disk, uint64_t seed, uint32_t scale) {
   const auto uuid = [disk](uint32_t number) { return MakeUuid(kComponentNumbers + 100 * disk + number); };
-  orlo.AddVdisk(uuid(0), ComponentRuns(20, 5, seed));
-  orlo.AddVdisk(uuid(1), ComponentRuns(300, 6, seed + 1), {40, 20});
-  orlo.AddVdisk(uuid(2), ComponentRuns(200, 6, seed + 2), {8, 6, true});
-  orlo.AddVdisk(uuid(3), ComponentRuns(10, 3, seed + 3), {}, false);
+  orlo.AddVdisk(uuid(0), ComponentRuns(20 * scale, 5, seed));
+  orlo.AddVdisk(uuid(1), ComponentRuns(300 * scale, 6, seed + 1), {40, 20});
+  orlo.AddVdisk(uuid(2), ComponentRuns(200 * scale, 6, seed + 2), {8, 6, true});
+  orlo.AddVdisk(uuid(3), ComponentRuns(10 * scale, 3, seed + 3), {}, false);
 }
 
 // The superblock's run stays in place: the first one.
@@ -75,7 +75,7 @@ OrloGroupImage::OrloGroupImage(const OrloGroupOptions& options)
   WriteBuffer buffer(group_.Ssd(), kFirstBlk + lengthBlks / 4, kFirstBlk + lengthBlks);
   for (uint32_t i = 0; i < options.disks; i++) {
     OrloImage orlo(group_.Disk(i), i % 2 == 0 ? 7 : 6);
-    AddVdisks(orlo, i, options.seed * 100 + 10 * uint64_t{i});
+    AddVdisks(orlo, i, options.seed * 100 + 10 * uint64_t{i}, options.scale);
     for (size_t number = 0; number < orlo.vdisks().size(); number++) {
       const OrloVdisk& vdisk = orlo.vdisks()[number];
       const OrloRun& last = vdisk.runs.back();

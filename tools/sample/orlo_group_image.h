@@ -15,6 +15,8 @@ struct OrloGroupOptions {
   uint64_t diskSize = 16ULL << 20;
   /// Every third map block and run of data lies in the write buffer, and noise in its place on the disk.
   bool logged = false;
+  /// Times as many runs in each component.
+  uint32_t scale = 1;
 };
 
 struct SampleComponent {
