@@ -158,7 +158,7 @@ class Runner {
     const kab_test::ToolRun run = RunPlan(command, plan);
     ++byStatus_[run.status];
     lastError_ = run.err;
-    if (!options_.only.empty()) fmt::print("kab {} {}: {}\n{}", command.name, plan, run.status, run.err);
+    if (!options_.only.empty()) fmt::print("kab {} {}: {}\n{}{}", command.name, plan, run.status, run.out, run.err);
     if (!run.exited) {
       Tell(command, plan, run.timedOut ? "hangs" : fmt::format("killed by signal {}", run.signal));
       return;

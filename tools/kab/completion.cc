@@ -75,7 +75,7 @@ std::string ValueCases(const OptionTable& table, const Line& line) {
     for (const OptionEntry& option : command.options) {
       if (option.value.empty()) continue;
       std::vector<std::string> patterns;
-      for (const std::string& name : option.names) patterns.push_back(pattern + " " + name);
+      for (const std::string& name : option.names) patterns.push_back(fmt::format("{} {}", pattern, name));
       cases += line(patterns, option);
     }
   };
@@ -193,6 +193,7 @@ std::string BashScript(const OptionTable& table) {
   std::string text = kBashHead;
   text += ValueCases(table, [](const std::vector<std::string>& patterns, const OptionEntry& option) {
     std::vector<std::string> quoted;
+    quoted.reserve(patterns.size());
     for (const std::string& pattern : patterns) {
       quoted.push_back(pattern[0] == '*' ? "*" + Quoted(pattern.substr(1)) : Quoted(pattern));
     }

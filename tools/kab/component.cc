@@ -56,14 +56,14 @@ Facts FactsOf(const Component& found) {
   facts.mapWhole = status == KAB_OK;
   if (!found.vdisk.present) return facts;
   std::vector<uint8_t> superblock(ORLO_SUPERBLOCK_SIZE);
-  facts.superblockValid =
-      OrloReadWriteComponentSuperBlock(found.disk, found.vdisk.mapBlock, superblock.data(), 1) == KAB_OK &&
-      KABIsZOLTCompSblkValid(superblock.data()) != 0;
+  const uint32_t read = OrloReadWriteComponentSuperBlock(found.disk, found.vdisk.mapBlock, superblock.data(), 1);
+  ThrowIfNoMemory(read);
+  facts.superblockValid = read == KAB_OK && KABIsZOLTCompSblkValid(superblock.data()) != 0;
   return facts;
 }
 
 Json FoundJson(const Component& found, const Facts& facts) {
-  Json object;
+  Json object = Json::object();
   object["uuid"] = found.vdisk.uuid;
   object["disk"] = found.disk->uuidText;
   object["slot"] = found.disk->devIdx;

@@ -71,9 +71,15 @@ class Disk {
   Disk& operator=(const Disk&) = delete;
 
   const std::string& path() const { return path_; }
-  uint64_t size() const { return ctx_ != nullptr ? ctx_->diskSize : size_; }
+  uint64_t size() const {
+    const KABDiskCtx* ctx = ctx_.get();
+    return ctx != nullptr ? ctx->diskSize : size_;
+  }
   /// Empty for a disk taken as bytes.
-  std::string uuid() const { return ctx_ != nullptr ? ctx_->uuidText : ""; }
+  std::string uuid() const {
+    const KABDiskCtx* ctx = ctx_.get();
+    return ctx != nullptr ? ctx->uuidText : "";
+  }
   bool Read(void* buffer, uint32_t length, uint64_t offset) const {
     const auto at = static_cast<int64_t>(offset);
     return (ctx_ != nullptr ? KABRead(ctx_.get(), buffer, length, at)

@@ -219,7 +219,7 @@ Exit DumpToFile(Tool& tool, const Options& options, const DumpPlan& plan, const 
 }
 
 Json OptionsJson(const Options& options) {
-  Json object;
+  Json object = Json::object();
   object["metadata"] = options.metadata;
   object["log"] = options.log;
   object["components"] = options.components;

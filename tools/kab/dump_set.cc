@@ -151,7 +151,7 @@ std::string SetMember::Stem() const {
 }
 
 Json MemberJson(const SetMember& member) {
-  Json object;
+  Json object = Json::object();
   object["file"] = member.file;
   object["uuid"] = member.uuid;
   object["role"] = member.ssd ? "ssd" : "capacity";
@@ -190,7 +190,7 @@ void DumpSet::Parse(const std::string& text) {
     if (depth > kMaxDepth) throw Bad{"it nests too deeply"};
     return true;
   };
-  Json manifest;
+  Json manifest = Json::object();
   try {
     manifest = Json::parse(text, limitDepth);
   } catch (const Json::exception&) {
@@ -262,7 +262,7 @@ Verdict DumpSet::Replay(Tool& tool, const SetMember& member, const DumpFile& dum
 }
 
 void DumpSet::Finish(const std::string& path, const Json& options, const std::vector<SetMember>& members) {
-  Json manifest;
+  Json manifest = Json::object();
   manifest["schema"] = kSchema;
   manifest["version"] = kVersion;
   manifest["createdMicroseconds"] =

@@ -204,7 +204,7 @@ Exit ExtractSet(Tool& tool, const Options& options) {
   std::string text;
   set.ForEach(tool, "extract", extent, [&](const SetMember& member, const Replay& replay) {
     const std::string name = member.Stem() + ".img";
-    const Verdict verdict = WriteImage(pending.name() + "/" + name, options.target + "/" + name, member.size, replay);
+    Verdict verdict = WriteImage(pending.name() + "/" + name, options.target + "/" + name, member.size, replay);
     images.push_back({{"target", options.target + "/" + name},
                       {"uuid", member.uuid},
                       {"size", member.size},

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <sstream>
@@ -82,11 +83,16 @@ LineTrap::LineTrap() : former_(kabLogStrm), stream_(open_memstream(&buffer_, &si
 LineTrap::~LineTrap() {
   kabLogStrm = former_;
   std::fclose(stream_);
+  for (std::string_view text(buffer_, buffer_ != nullptr ? size_ : 0); !text.empty();) {
+    const std::string_view line = text.substr(0, std::min(text.find('\n'), text.size() - 1) + 1);
+    if (TellsOfNoMemory(line)) std::fwrite(line.data(), 1, line.size(), former_);  // never to be lost
+    text.remove_prefix(line.size());
+  }
   std::free(buffer_);
 }
 
 std::vector<std::string> LineTrap::Take(const std::string& disk) {
-  std::fflush(stream_);
+  if (std::fflush(stream_) != 0 || std::ferror(stream_) != 0) throw std::bad_alloc();  // a line is lost
   std::istringstream text(std::string(buffer_, size_));
   std::rewind(stream_);
   std::vector<std::string> lines;

@@ -55,7 +55,7 @@ std::string SlotUuid(const KABDiskCtx& ssd, size_t slot) {
 
 Json DiskJson(const KABDiskCtx& ctx) {
   const DiskFacts facts = FactsOf(ctx);
-  Json object;
+  Json object = Json::object();
   object["path"] = ctx.path;
   object["uuid"] = ctx.uuidText;
   object["alternateUuid"] = ctx.altUuidText[0] != '\0' ? Json(ctx.altUuidText) : Json(nullptr);
@@ -103,10 +103,27 @@ T Load(const uint8_t* bytes) {
   return value;
 }
 
+// What cannot be told is null; this says why.
+class Gaps {
+ public:
+  explicit Gaps(Tool& tool) : tool_(tool) {}
+  void Add(const std::string& what, const KABDiskCtx& disk, LineTrap& trap) {
+    tool_.log.Line(fmt::format("kab: {} of disk {}{}", what, disk.uuidText, trap.TakeReason(disk.uuidText)));
+    code_ = Exit::kDamageIncomplete;
+  }
+  Exit code() const { return code_; }
+
+ private:
+  Tool& tool_;
+  Exit code_ = Exit::kClean;
+};
+
 // The chosen checkpoint record; null when there is no log.
-Json LogJson(KABDiskCtx* ssd) {
+Json LogJson(KABDiskCtx* ssd, Gaps& gaps) {
   LineTrap trap;
-  if (KABSSDLOGGetValidCheckPointRecord(ssd) != KAB_OK) return nullptr;
+  const uint32_t status = KABSSDLOGGetValidCheckPointRecord(ssd);
+  if (status == KAB_IO_ERROR) gaps.Add("cannot read the checkpoint records", *ssd, trap);
+  if (status != KAB_OK) return nullptr;
   const uint8_t* record = ssd->logState->checkpoint;
   const auto number = [record](size_t at) { return Json(Load<uint64_t>(record + at)); };
   const auto block = [record](size_t at) {
@@ -132,7 +149,7 @@ Json DedupJson(Tool& tool, Group& group, bool scan) {
   if (areas.empty()) return nullptr;
   DedupFill all;
   DedupMapped mapped;
-  Json object;
+  Json object = Json::object();
   object["disks"] = Json::array();
   Progress progress(tool, "info", scan ? mapBytes : 0);
   for (const DedupArea& area : areas) {
@@ -162,23 +179,32 @@ Json DedupJson(Tool& tool, Group& group, bool scan) {
 }
 
 // Null when there is no Orlo disk, or when the log that must be replayed first cannot be.
-Json ComponentsJson(Group& group) {
+Json ComponentsJson(Group& group, Gaps& gaps) {
   const bool any = std::any_of(group.disks().begin(), group.disks().end(),
                                [](const KABDiskCtx* disk) { return disk->group != nullptr && IsOrlo(*disk); });
   LineTrap trap;
-  if (!any || KABSSDLOGRecovPlogLog(group.ssd()) != KAB_OK) return nullptr;
+  if (!any) return nullptr;
+  if (KABSSDLOGRecovPlogLog(group.ssd()) != KAB_OK) {
+    gaps.Add("cannot replay the PLOG", *group.ssd(), trap);
+    return nullptr;
+  }
   Json components = Json::array();
   for (KABDiskCtx* disk : group.disks()) {
+    if (disk->group == nullptr || !IsOrlo(*disk)) continue;
     Registry registry;
-    if (disk->group == nullptr || !IsOrlo(*disk) || ReadRegistry(disk, &registry) != KAB_OK) continue;
-    ForEachVdisk(disk, registry, [&](const Vdisk& vdisk) {
-      components.push_back({{"uuid", vdisk.uuid}, {"slot", disk->devIdx}, {"hasSuperblock", vdisk.present}});
-    });
+    uint32_t status = ReadRegistry(disk, &registry);
+    if (status == KAB_OK) {
+      status = ForEachVdisk(disk, registry, [&](const Vdisk& vdisk) {
+        components.push_back({{"uuid", vdisk.uuid}, {"slot", disk->devIdx}, {"hasSuperblock", vdisk.present}});
+      });
+    }
+    ThrowIfNoMemory(status);
+    if (status != KAB_OK) gaps.Add("cannot read the registry", *disk, trap);
   }
   return components;
 }
 
-Json InfoJson(Tool& tool, Group& group, bool scan) {
+Json InfoJson(Tool& tool, Group& group, bool scan, Gaps& gaps) {
   const KABDiskCtx& ssd = *group.ssd();
   Json object = Tool::Header("info");
   object["ssd"] = DiskJson(ssd);
@@ -190,9 +216,9 @@ Json InfoJson(Tool& tool, Group& group, bool scan) {
     object["slots"].push_back(
         {{"slot", slot}, {"uuid", uuid.empty() ? Json(nullptr) : Json(uuid)}, {"open", ssd.disks[slot] != nullptr}});
   }
-  object["log"] = LogJson(group.ssd());
+  object["log"] = LogJson(group.ssd(), gaps);
   object["dedup"] = DedupJson(tool, group, scan);
-  object["components"] = ComponentsJson(group);
+  object["components"] = ComponentsJson(group, gaps);
   return object;
 }
 
@@ -251,15 +277,16 @@ std::string SlotsText(const KABDiskCtx& ssd) {
 Exit Run(Tool& tool, const Options& options) {
   Group group(tool, options.group);
   const std::string slots = SlotsText(*group.ssd());  // before a replay makes placeholders
-  const Json info = InfoJson(tool, group, options.scan);
+  Gaps gaps(tool);
+  const Json info = InfoJson(tool, group, options.scan, gaps);
   if (tool.json) {
     Tool::PrintJson(info);
-    return Exit::kClean;
+    return gaps.code();
   }
   PrintDisk("SSD", *group.ssd());
   for (const KABDiskCtx* ctx : group.disks()) PrintDisk("Disk", *ctx);
   Tool::Print(slots + LogText(info["log"]) + DedupText(info["dedup"]) + ComponentsText(info["components"]));
-  return Exit::kClean;
+  return gaps.code();
 }
 
 }  // namespace

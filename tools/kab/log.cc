@@ -70,7 +70,7 @@ bool ReadCheckpoints(KABDiskCtx* ssd, Copy (&copies)[2]) {
 }
 
 Json CheckpointJson(const KABDiskCtx& ssd, const Copy& copy, uint64_t index) {
-  Json object;
+  Json object = Json::object();
   object["copy"] = index + 1;
   object["offset"] = ssd.dataOffset + index * kBlock;
   object["readable"] = copy.readable;
@@ -125,7 +125,7 @@ Json Extents(KABDiskCtx* ssd, const uint8_t* entry) {
   for (uint32_t i = 0; i < count; ++i) {
     const uint64_t sector = Load<uint64_t>(bytes + 2 + 10 * size_t{i});
     const uint64_t length = Load<uint16_t>(bytes + 10 + 10 * size_t{i}) * uint64_t{512};
-    Json extent;
+    Json extent = Json::object();
     if (sector == (start + kReservedFirst) * 8) {
       extent["reserved"] = "zero";
     } else if (sector == (start + kReservedSecond) * 8) {
@@ -183,7 +183,7 @@ Exit ShowLog(Tool& tool, KABDiskCtx* ssd, LogKind kind) {
     LogEntry broken{};
     const auto take = [&](const LogEntry& at) {
       const uint8_t* entry = block + at.at;
-      Json object;
+      Json object = Json::object();
       object["log"] = LogName(kind);
       object["block"] = (blockOffset - ssd->dataOffset) / kBlock;
       object["offset"] = blockOffset + at.at;
@@ -208,7 +208,7 @@ Exit ShowLog(Tool& tool, KABDiskCtx* ssd, LogKind kind) {
   });
   if (end.status != KAB_END_OF_LOG) code = Exit::kDamageIncomplete;
   if (tool.json) {
-    Json object;
+    Json object = Json::object();
     object["log"] = LogName(kind);
     object["end"] = end.reason;
     object["blocks"] = end.blocks;

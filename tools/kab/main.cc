@@ -104,6 +104,8 @@ int Main(int argc, char** argv) {
   Exit code = Exit::kError;
   try {
     code = tool.run();
+    if (tool.log.lackedMemory()) code = Exit::kMemory;  // whatever was made of it
+    if (code == Exit::kMemory) tool.log.Line("kab: out of memory");
   } catch (const Failure& failure) {
     code = failure.code();
     if (*failure.what() != '\0') tool.log.Line(fmt::format("kab: {}", failure.what()));

@@ -244,7 +244,7 @@ class SampleWriter {
   }
 
   static Json DiskJson(const std::string& path, const sample::DiskImage& disk) {
-    Json object;
+    Json object = Json::object();
     object["path"] = path;
     object["uuid"] = sample::UuidText(disk.uuid());
     object["size"] = disk.size();

@@ -29,7 +29,7 @@ void Tool::PrintJson(const Json& object) {
 }
 
 Json Tool::Header(std::string_view command) {
-  Json object;
+  Json object = Json::object();
   object["schema"] = fmt::format("kab.{}", command);
   object["version"] = 1;
   return object;

@@ -37,6 +37,7 @@ std::vector<Component> FindComponents(DiskGroup& group, Exit& code) {
     if (status == KAB_OK) {
       status = ForEachVdisk(disk, registry, [&](const Vdisk& vdisk) { all.push_back({disk, vdisk}); });
     }
+    ThrowIfNoMemory(status);
     if (status != KAB_OK) code = Worse(code, Exit::kDamageIncomplete);
   }
   return all;
@@ -62,6 +63,7 @@ uint32_t ForEachExtent(const Component& component, uint64_t startBlock, uint64_t
     OrloExtent* list = nullptr;
     const uint32_t status = OrloMapLookup(&cursor, block, endBlock, kRunsAtOnce, &list, kReadMode);
     const Extents extents(list);
+    ThrowIfNoMemory(status);
     if (status != KAB_OK) return status;
     if (extents == nullptr) break;
     uint64_t end = block;

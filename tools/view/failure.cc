@@ -1,9 +1,11 @@
 #include "failure.h"
 
 #include <fmt/format.h>
+
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 
 #include "kab/core.h"
@@ -25,6 +27,10 @@ Failure SystemFailure(const std::string& what, int error) {
 
 const char* StatusText(uint32_t status) {
   return status < KAB_STATUS_COUNT ? KABErrorStr(status) : "Invalid device index";
+}
+
+void ThrowIfNoMemory(uint32_t status) {
+  if (status == KAB_OUT_OF_MEMORY) throw std::bad_alloc();
 }
 
 Exit ExitOfStatus(uint32_t status) {

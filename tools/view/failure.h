@@ -21,6 +21,8 @@ class Failure : public std::runtime_error {
 
 /// A run-time error with the system's text for `error`.
 Failure SystemFailure(const std::string& what, int error);
+/// Throws std::bad_alloc for the library's status that tells of want of memory: it says nothing about a disk.
+void ThrowIfNoMemory(uint32_t status);
 /// The exit code of a library status other than 0.
 Exit ExitOfStatus(uint32_t status);
 /// The text of a library status, those outside the table included.

@@ -21,7 +21,7 @@ LogRelay::LogRelay(Taker taker) : taker_(std::move(taker)) {
     try {
       static_cast<LogRelay*>(cookie)->Take({text, size});
     } catch (const std::bad_alloc&) {  // must not pass through stdio: the line is lost, the work goes on
-      static_cast<LogRelay*>(cookie)->outOfMemory_ = true;
+      static_cast<LogRelay*>(cookie)->LackMemory();
     }
     return static_cast<ssize_t>(size);
   };
@@ -75,7 +75,7 @@ void LogRelay::TakeLine(std::string_view line) {
       (Has(line, "Error: Failed to open d") && Has(line, "Device or resource busy"))) {
     refusedDisk_ = true;
   }
-  if (TellsOfNoMemory(line)) outOfMemory_ = true;
+  if (TellsOfNoMemory(line)) LackMemory();
   if (Has(line, "Total Hash mismatch for dump")) hashMismatch_ = true;
   if (Has(line, "Failed to populate input for decompress")) inputFailed_ = true;
   if (Has(line, "MetaError:")) metaErrors_++;

@@ -36,6 +36,7 @@ class LogRelay {
   /// What the library's lines told since the last Forget.
   bool refusedDisk() const { return refusedDisk_; }  // in use, mounted, or not of this group
   bool outOfMemory() const { return outOfMemory_; }
+  bool lackedMemory() const { return lackedMemory_; }  // at any time, whatever was forgotten since
   bool hashMismatch() const { return hashMismatch_; }
   bool inputFailed() const { return inputFailed_; }  // a dump file that could not be read
   uint64_t metaErrors() const { return metaErrors_; }
@@ -43,6 +44,7 @@ class LogRelay {
   void Forget();
 
  private:
+  void LackMemory() { outOfMemory_ = lackedMemory_ = true; }
   void Take(std::string_view text);
   void TakeLine(std::string_view line);
 
@@ -54,6 +56,7 @@ class LogRelay {
   bool quiet_ = false;
   bool refusedDisk_ = false;
   bool outOfMemory_ = false;
+  bool lackedMemory_ = false;
   bool hashMismatch_ = false;
   bool inputFailed_ = false;
   uint64_t metaErrors_ = 0;

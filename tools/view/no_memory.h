@@ -6,9 +6,10 @@
 namespace tool {
 
 inline bool TellsOfNoMemory(std::string_view line) {
-  for (const char* part : {"Failed to allocate", "Cannot allocate memory", "Out of memory", "allocation failed",
-                           "Failed to create exclusive lock", "Failed to init decompression context",
-                           "Failed to init compression context"}) {
+  for (const char* part :
+       {"Failed to alloc", "Cannot allocate memory", "Out of memory", "llocation failed", "alloction failed",
+        "Cache initialization failed", "Failed to initialize lbaTable", "Failed to create exclusive lock",
+        "Failed to init decompression context", "Failed to init compression context", "Failed to init hash context"}) {
     if (line.find(part) != std::string_view::npos) return true;
   }
   return false;
