@@ -249,18 +249,19 @@ std::string ZshSpecs(const CommandEntry& command, const std::string& indent) {
   std::string text;
   for (const OptionEntry& option : command.options) {
     for (const std::string& name : option.names) {
-      std::string spec = "[" + ZshText(option.summary) + "]";
+      std::string spec = fmt::format("[{}]", ZshText(option.summary));
       const bool isLong = name.starts_with("--");
       if (!option.value.empty()) {
-        spec = (isLong ? "=" : "+") + spec + ":" + ZshText(option.value) + ":" + ZshAction(option);
+        spec = fmt::format("{}{}:{}:{}", isLong ? "=" : "+", spec, ZshText(option.value), ZshAction(option));
       }
       const std::string excluded = option.repeatable ? "*" : fmt::format("({})", fmt::join(option.names, " "));
-      text += indent + Quoted(excluded + name + spec) + " \\\n";
+      text += fmt::format("{}{} \\\n", indent, Quoted(fmt::format("{}{}{}", excluded, name, spec)));
     }
   }
   for (const OptionEntry& argument : command.arguments) {
     const std::string where = argument.repeatable ? "*:" : argument.required ? ":" : "::";
-    text += indent + Quoted(where + ZshText(argument.value) + ":" + ZshAction(argument)) + " \\\n";
+    const std::string spec = fmt::format("{}{}:{}", where, ZshText(argument.value), ZshAction(argument));
+    text += fmt::format("{}{} \\\n", indent, Quoted(spec));
   }
   return text;
 }
