@@ -166,9 +166,10 @@ class Runner {
     if (run.status == reference.run.status && run.out == reference.run.out && Output(command) == reference.output) {
       return;  // the fault was of no consequence
     }
+    if (run.status == reference.run.status && HoldsTheSame(command, reference)) return;
     // The second copy of something that cannot be read is no damage: a check warns of it.
     const bool warns = command.findings && run.status == 0 && Has(run.out, "\"severity\":\"warning\"");
-    if (!warns && !fault.statuses.contains(run.status)) Tell(command, plan, fmt::format("exit status {}", run.status));
+    if (!warns && !IsRight(command, fault, run.status)) Tell(command, plan, fmt::format("exit status {}", run.status));
     if (run.err.empty() && !command.findings && run.out.empty()) Tell(command, plan, "gives no reason");
     CheckLeft(command, reference, plan, run.status);
     for (const auto& entry : std::filesystem::directory_iterator(seed_.folder)) {
@@ -176,6 +177,17 @@ class Runner {
       Tell(command, plan, "leaves a temporary file");
       std::filesystem::remove(entry.path());
     }
+  }
+
+  static bool IsRight(const Command& command, const Fault& fault, int status) {
+    if (fault.statuses.contains(status)) return true;
+    const std::string call = fault.call;
+    // A dump's header that cannot be read for once is one that does not match, and a stream for which zlib lacks memory
+    // one that is broken; OpenSSL calls a key invalid.
+    const bool ofDump = command.name.starts_with("verify") || command.name.starts_with("extract");
+    if (ofDump && call == "pread") return status == int(Exit::kDigest);
+    if (ofDump && call == "calloc") return status == int(Exit::kDamage) || status == int(Exit::kDamageIncomplete);
+    return call == "realloc" && status == int(Exit::kError);
   }
 
   void CheckLeft(const Command& command, const Reference& reference, const std::string& plan, int status) {
@@ -190,6 +202,7 @@ class Runner {
         if (status < int(Exit::kDamage)) Tell(command, plan, "leaves an output that is not whole");
         return;
       case Leaves::kUnfinished:
+        if (HoldsTheSame(command, reference) || Has(lastError_, "is unfinished")) return;
         // A dump with gaps is a dump; any other failure must be known from the dump itself.
         if (status != int(Exit::kDamageIncomplete) && Verifies(command.output)) {
           Tell(command, plan, "leaves a dump that passes for whole");
@@ -199,6 +212,24 @@ class Runner {
         if (status >= 0 && !Has(lastError_, "not to be trusted")) Tell(command, plan, "spoils its target in silence");
         return;
     }
+  }
+
+  // A dump of the same bytes, whatever records they are cut into: a range that fails is read again in pieces.
+  bool HoldsTheSame(const Command& command, const Reference& reference) {
+    if (command.leaves != Leaves::kUnfinished || !Exists(command.output)) return false;
+    const Bytes held = Extracted(kab_test::ReadFile(command.output));
+    return !held.empty() && held == Extracted(reference.output);
+  }
+
+  Bytes Extracted(const Bytes& dump) {
+    const std::string path = seed_.folder + "/held.kabdump";
+    const std::string image = seed_.folder + "/held.img";
+    kab_test::WriteFile(path, dump);
+    kab_test::RunTool({options_.kab, "extract", path, image}, kab_test::SanitizerOptions());
+    Bytes bytes = Exists(image) ? kab_test::ReadFile(image) : Bytes{};
+    std::filesystem::remove(path);
+    std::filesystem::remove(image);
+    return bytes;
   }
 
   bool Verifies(const std::string& dump) {

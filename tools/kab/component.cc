@@ -155,7 +155,10 @@ Exit ReadAll(Tool& tool, Group& group, const Component& found, const Options& op
   };
   // A range that cannot be read stays zero; the exit status and the library's line tell of it.
   Exit code = view->whole() ? Exit::kClean : Exit::kDamageIncomplete;
-  const auto bad = [&code](uint64_t, uint64_t, uint32_t) { code = Exit::kDamageIncomplete; };
+  const auto bad = [&code](uint64_t, uint64_t, uint32_t status) {
+    ThrowIfNoMemory(status);
+    code = Exit::kDamageIncomplete;
+  };
   view->ForEachRun(0, view->size(), [&](const View::Run& run) {
     if (run.beyond) {
       code = Exit::kDamageIncomplete;

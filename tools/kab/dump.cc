@@ -325,6 +325,7 @@ Exit Run(Tool& tool, Options options) {
   DumpPlan plan(tool, group);
   FillPlan(plan, group, options);
   const std::vector<DiskRanges> disks = plan.Disks();
+  if (tool.log.lackedMemory()) throw std::bad_alloc();  // the plan may lack what is there
   if (options.allDisks) return DumpToSet(tool, options, plan, group, disks);
   return DumpToFile(tool, options, plan, OnlyDisk(tool, options, group, disks));
 }

@@ -111,6 +111,7 @@ class Gaps {
     tool_.log.Line(fmt::format("kab: {} of disk {}{}", what, disk.uuidText, trap.TakeReason(disk.uuidText)));
     code_ = Exit::kDamageIncomplete;
   }
+  void AddDedup() { code_ = Exit::kDamageIncomplete; }  // its own text tells
   Exit code() const { return code_; }
 
  private:
@@ -136,7 +137,7 @@ Json LogJson(KABDiskCtx* ssd, Gaps& gaps) {
 }
 
 // What the dedup layers hold; null when no disk has one. Units and blocks are added up over the disks.
-Json DedupJson(Tool& tool, Group& group, bool scan) {
+Json DedupJson(Tool& tool, Group& group, bool scan, Gaps& gaps) {
   std::vector<DedupArea> areas;
   uint64_t mapBytes = 0;
   for (KABDiskCtx* disk : group.disks()) {
@@ -175,6 +176,7 @@ Json DedupJson(Tool& tool, Group& group, bool scan) {
                         ? Json(static_cast<double>(mapped.blocks * 2) / static_cast<double>(all.inUse))
                         : Json(nullptr);
   object["complete"] = all.complete && mapped.complete;
+  if (!all.complete || !mapped.complete) gaps.AddDedup();
   return object;
 }
 
@@ -198,7 +200,6 @@ Json ComponentsJson(Group& group, Gaps& gaps) {
         components.push_back({{"uuid", vdisk.uuid}, {"slot", disk->devIdx}, {"hasSuperblock", vdisk.present}});
       });
     }
-    ThrowIfNoMemory(status);
     if (status != KAB_OK) gaps.Add("cannot read the registry", *disk, trap);
   }
   return components;
@@ -217,7 +218,7 @@ Json InfoJson(Tool& tool, Group& group, bool scan, Gaps& gaps) {
         {{"slot", slot}, {"uuid", uuid.empty() ? Json(nullptr) : Json(uuid)}, {"open", ssd.disks[slot] != nullptr}});
   }
   object["log"] = LogJson(group.ssd(), gaps);
-  object["dedup"] = DedupJson(tool, group, scan);
+  object["dedup"] = DedupJson(tool, group, scan, gaps);
   object["components"] = ComponentsJson(group, gaps);
   return object;
 }

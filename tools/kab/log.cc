@@ -117,6 +117,7 @@ const char* PlogTypeName(uint32_t type) {
 Json Extents(KABDiskCtx* ssd, const uint8_t* entry) {
   void* map = nullptr;
   const uint32_t status = SSDLOG_UnpackAllocMapFromEntry(ssd, entry, &map);
+  ThrowIfNoMemory(status);
   if (status != KAB_OK) return KABErrorStr(status);
   Json extents = Json::array();
   const auto* bytes = static_cast<const uint8_t*>(map);

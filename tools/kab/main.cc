@@ -104,7 +104,6 @@ int Main(int argc, char** argv) {
   Exit code = Exit::kError;
   try {
     code = tool.run();
-    if (tool.log.lackedMemory()) code = Exit::kMemory;  // whatever was made of it
     if (code == Exit::kMemory) tool.log.Line("kab: out of memory");
   } catch (const Failure& failure) {
     code = failure.code();
@@ -115,6 +114,7 @@ int Main(int argc, char** argv) {
   } catch (const std::exception& error) {
     tool.log.Line(fmt::format("kab: {}", error.what()));
   }
+  if (tool.log.lackedMemory()) code = Exit::kMemory;  // whatever was made of it
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
     if (errno != EPIPE) tool.log.Line(fmt::format("kab: {}", SystemFailure("stdout", errno).what()));
     code = Worse(code, Exit::kError);

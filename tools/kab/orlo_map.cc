@@ -70,6 +70,7 @@ uint32_t WalkOrloMap(KABDiskCtx* disk, uint64_t root, const std::function<void(u
   for (uint64_t least = 0;;) {
     StopIfInterrupted();
     const uint32_t status = OrloBTree_StepNext(&cursor);
+    ThrowIfNoMemory(status);
     const OrloBTreeFrame* top = cursor.top;
     if (status != KAB_OK && top != nullptr && !IsLeaf(top->block)) takeNode(OffsetOf(ChildOf(cursor, *top)));
     if (status == KAB_OK && top == nullptr) return KAB_OK;

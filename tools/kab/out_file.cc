@@ -53,8 +53,12 @@ PendingName::PendingName(std::string path, bool force)
 }
 
 PendingName::~PendingName() {
-  std::error_code ignored;
-  if (!committed_) std::filesystem::remove_all(name_, ignored);
+  if (committed_ || unlink(name_.c_str()) == 0) return;  // a file goes without memory
+  try {
+    std::error_code ignored;
+    std::filesystem::remove_all(name_, ignored);
+  } catch (const std::bad_alloc&) {  // the folder stays, under a name that says what it is
+  }
 }
 
 void PendingName::Commit() {

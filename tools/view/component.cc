@@ -37,7 +37,6 @@ std::vector<Component> FindComponents(DiskGroup& group, Exit& code) {
     if (status == KAB_OK) {
       status = ForEachVdisk(disk, registry, [&](const Vdisk& vdisk) { all.push_back({disk, vdisk}); });
     }
-    ThrowIfNoMemory(status);
     if (status != KAB_OK) code = Worse(code, Exit::kDamageIncomplete);
   }
   return all;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "failure.h"
 #include "kab/orlo.h"
 
 namespace tool {
@@ -62,11 +63,13 @@ bool IsOrlo(const KABDiskCtx& disk) {
 uint32_t ReadRegistry(KABDiskCtx* disk, Registry* registry) {
   uint8_t blk0[ORLO_BLOCK0_SIZE];
   uint32_t status = OrloReadBlock0(disk, blk0, nullptr);
+  ThrowIfNoMemory(status);
   if (status != KAB_OK) return status;
   registry->offset = Load<uint64_t>(blk0 + kRegistryOffsetAt);
   if (registry->offset >= disk->usableSize) return KAB_BLOCK_INVALID;
   uint8_t head[kEntriesAt];
   status = OrloReadData(disk, head, sizeof head, registry->offset);
+  ThrowIfNoMemory(status);
   if (status != KAB_OK) return status;
   registry->stated = Load<uint64_t>(head + kTotalLengthAt);
   registry->length =
@@ -85,6 +88,7 @@ uint32_t ForEachVdisk(KABDiskCtx* disk, const Registry& registry, const std::fun
     const uint64_t count = std::min(perWindow, entries - first);
     const uint32_t status = OrloReadData(disk, window.data(), static_cast<uint32_t>(count * size),
                                          registry.offset + kEntriesAt + first * size);
+    ThrowIfNoMemory(status);
     if (status != KAB_OK) return status;
     for (uint64_t i = 0; i < count; ++i) take(FromEntry(*disk, window.data() + i * size));
   }
