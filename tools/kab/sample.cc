@@ -69,7 +69,15 @@ struct Layout {
   Made (*make)(const Options& options);
 };
 
-// Some of everything: noise, text that compresses well, and zeros.
+constexpr uint64_t kLogStart = 16;  // first block of the write buffer
+
+void PutEmptyLog(sample::DiskImage& ssd) {
+  const uint64_t blocks = (ssd.size() - sample::kDataOffset - sample::kGptSize) / sample::kLogBlock;
+  if (blocks < 64) throw Failure(Exit::kUsage, "--ssd-size: too small for a log");
+  sample::LogImage(ssd, kLogStart, blocks - 2 * kLogStart).Write(sample::LogChain(1));
+}
+
+// Under an empty log some of everything: noise, text that compresses well, and zeros.
 Made MakePlain(const Options& options) {
   Made made{EmptyGroup(options), {}};
   sample::GroupImage& group = made.group;
@@ -88,10 +96,9 @@ Made MakePlain(const Options& options) {
   for (uint32_t i = 0; i < group.DiskCount(); i++) {
     fill(group.Disk(i), i + 1, fmt::format("disk {}", i));
   }
+  PutEmptyLog(group.Ssd());
   return made;
 }
-
-constexpr uint64_t kLogStart = 16;  // first block of the write buffer
 
 // A log that fills its SSD; a picture is a disk's data area as the group sees it.
 Made MakeLog(const Options& options) {
@@ -113,12 +120,6 @@ Made MakeLog(const Options& options) {
     made.pictures.emplace_back(fmt::format("disk{}.picture", i), group.Picture(i));
   }
   return made;
-}
-
-void PutEmptyLog(sample::DiskImage& ssd) {
-  const uint64_t blocks = (ssd.size() - sample::kDataOffset - sample::kGptSize) / sample::kLogBlock;
-  if (blocks < 64) throw Failure(Exit::kUsage, "--ssd-size: too small for a log");
-  sample::LogImage(ssd, kLogStart, blocks - 2 * kLogStart).Write(sample::LogChain(1));
 }
 
 // Components on disks of both versions. A picture is a component's address space from its superblock on.
@@ -164,7 +165,7 @@ Made MakeDedup(const Options& options) {
 }
 
 constexpr Layout kLayouts[] = {
-    {"plain", "noise, text and zeros in the data area, no log, no dedup layer", MakePlain},
+    {"plain", "noise, text and zeros in the data area, an empty log, no dedup layer", MakePlain},
     {"dedup", "a dedup layer over all disks: shared, compressed, plain and zero blocks, and holes", MakeDedup<2>},
     {"compress", "the same, but each disk compressed for itself", MakeDedup<1>},
     {"log", "a PLOG that fills the SSD: writes, zero writes and releases over all disks, with a torn end", MakeLog},
