@@ -61,60 +61,110 @@ uint64_t Unzigzag(uint64_t value) { return (value >> 1) ^ (0 - (value & 1)); }
 
 uint8_t BytesOf(uint64_t value) { return static_cast<uint8_t>((std::bit_width(value) + 7) / 8); }
 
-void LoadColumn(const BucketlistNode& node, uint32_t word, uint64_t* values) {
-  const BucketlistKeyArea* area = node.keyArea;
-  if (word == 0) {
-    std::memcpy(values, area->keys + node.sortedStart, node.sortedCount * sizeof values[0]);
-    return;
+// What a column's bytes depend on.
+struct ColumnSpan {
+  uint64_t smallest;
+  uint64_t largest;
+  uint64_t apart;  // all bits of the differences to the first value
+  uint64_t steps;  // all bits of the zigzag differences to the predecessor
+};
+
+// Also leaves the zigzag differences in `steps`.
+[[gnu::always_inline]] inline ColumnSpan SpanHere(const uint64_t* values, uint32_t count, uint64_t* steps) {
+  const uint64_t first = values[0];
+  ColumnSpan span{first, first, 0, 0};
+  steps[0] = 0;
+  for (uint32_t i = 1; i < count; ++i) {
+    const uint64_t value = values[i];
+    span.smallest = value < span.smallest ? value : span.smallest;
+    span.largest = value > span.largest ? value : span.largest;
+    span.apart |= value - first;
+    steps[i] = Zigzag(value - values[i - 1]);
+    span.steps |= steps[i];
   }
-  for (uint32_t i = 0; i < node.sortedCount; ++i) values[i] = area->payloads[node.sortedStart + i][word - 1];
+  return span;
 }
 
-// Writes `planes` bytes of each value, from bit `shift` on, plane by plane; returns how many values that were whole
-// eights it has done.
 #if defined(__x86_64__)
-__attribute__((target("avx512f"))) uint32_t PutEights(const uint64_t* values, uint32_t count, uint32_t shift,
-                                                      uint32_t planes, uint8_t* out) {
+__attribute__((target("avx2"))) ColumnSpan SpanAvx2(const uint64_t* values, uint32_t count, uint64_t* steps) {
+  return SpanHere(values, count, steps);
+}
+#endif
+
+ColumnSpan SpanOf(const uint64_t* values, uint32_t count, uint64_t* steps) {
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx2")) return SpanAvx2(values, count, steps);
+#endif
+  return SpanHere(values, count, steps);
+}
+
+// Writes `planes` bytes of each value, from bit `shift` on, plane by plane; reads them back. The whole eights first, as
+// matrices of eight by eight bytes that change rows for columns: how many values that were is returned.
+#if defined(__x86_64__)
+struct Eight {
+  __m128i pairs[4];
+
+  Eight Turned() const {
+    const __m128i v04 = _mm_unpacklo_epi8(pairs[0], pairs[2]);
+    const __m128i v15 = _mm_unpackhi_epi8(pairs[0], pairs[2]);
+    const __m128i v26 = _mm_unpacklo_epi8(pairs[1], pairs[3]);
+    const __m128i v37 = _mm_unpackhi_epi8(pairs[1], pairs[3]);
+    const __m128i evenLow = _mm_unpacklo_epi8(v04, v26);
+    const __m128i evenHigh = _mm_unpackhi_epi8(v04, v26);
+    const __m128i oddLow = _mm_unpacklo_epi8(v15, v37);
+    const __m128i oddHigh = _mm_unpackhi_epi8(v15, v37);
+    return {{_mm_unpacklo_epi8(evenLow, oddLow), _mm_unpackhi_epi8(evenLow, oddLow),
+             _mm_unpacklo_epi8(evenHigh, oddHigh), _mm_unpackhi_epi8(evenHigh, oddHigh)}};
+  }
+};
+
+uint32_t PutEights(const uint64_t* values, uint32_t count, uint32_t shift, uint32_t planes, uint8_t* out) {
+  const __m128i bits = _mm_cvtsi32_si128(static_cast<int>(shift));
   uint32_t i = 0;
   for (; i + 8 <= count; i += 8) {
-    __m512i wide = _mm512_srl_epi64(_mm512_loadu_si512(values + i), _mm_cvtsi32_si128(static_cast<int>(shift)));
-    for (uint32_t p = 0; p < planes; ++p, wide = _mm512_srli_epi64(wide, 8)) {
-      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + p * count + i), _mm512_cvtepi64_epi8(wide));
+    Eight eight;
+    for (uint32_t k = 0; k < 4; ++k) {
+      eight.pairs[k] = _mm_srl_epi64(_mm_loadu_si128(reinterpret_cast<const __m128i*>(values + i + 2 * k)), bits);
+    }
+    eight = eight.Turned();
+    for (uint32_t p = 0; p < planes; ++p) {
+      const __m128i pair = eight.pairs[p / 2];
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(out + p * count + i), p % 2 == 0 ? pair : _mm_srli_si128(pair, 8));
     }
   }
   return i;
 }
 
-__attribute__((target("avx512f"))) uint32_t TakeEights(const uint8_t* in, uint32_t count, uint32_t shift,
-                                                       uint32_t planes, uint64_t* values) {
+uint32_t TakeEights(const uint8_t* in, uint32_t count, uint32_t shift, uint32_t planes, uint64_t* values) {
+  const __m128i bits = _mm_cvtsi32_si128(static_cast<int>(shift));
   uint32_t i = 0;
   for (; i + 8 <= count; i += 8) {
-    __m512i wide = _mm512_setzero_si512();
-    for (uint32_t p = planes; p > 0; --p) {
-      const __m128i narrow = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + (p - 1) * count + i));
-      wide = _mm512_or_si512(_mm512_slli_epi64(wide, 8), _mm512_cvtepu8_epi64(narrow));
+    const auto plane = [&](uint32_t p) {
+      return p < planes ? _mm_loadl_epi64(reinterpret_cast<const __m128i*>(in + p * count + i)) : _mm_setzero_si128();
+    };
+    Eight eight;
+    for (uint32_t k = 0; k < 4; ++k) eight.pairs[k] = _mm_unpacklo_epi64(plane(2 * k), plane(2 * k + 1));
+    eight = eight.Turned();
+    for (uint32_t k = 0; k < 4; ++k) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(values + i + 2 * k), _mm_sll_epi64(eight.pairs[k], bits));
     }
-    _mm512_storeu_si512(values + i, _mm512_sll_epi64(wide, _mm_cvtsi32_si128(static_cast<int>(shift))));
   }
   return i;
 }
+#else
+uint32_t PutEights(const uint64_t*, uint32_t, uint32_t, uint32_t, uint8_t*) { return 0; }
+uint32_t TakeEights(const uint8_t*, uint32_t, uint32_t, uint32_t, uint64_t*) { return 0; }
 #endif
 
 void PutPlanes(const uint64_t* values, uint32_t count, uint32_t shift, uint32_t planes, uint8_t* out) {
-  uint32_t done = 0;
-#if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f")) done = PutEights(values, count, shift, planes, out);
-#endif
+  const uint32_t done = PutEights(values, count, shift, planes, out);
   for (uint32_t p = 0; p < planes; ++p, out += count) {
     for (uint32_t i = done; i < count; ++i) out[i] = static_cast<uint8_t>(values[i] >> (shift + 8 * p));
   }
 }
 
 void TakePlanes(const uint8_t* in, uint32_t count, uint32_t shift, uint32_t planes, uint64_t* values) {
-  uint32_t done = 0;
-#if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f")) done = TakeEights(in, count, shift, planes, values);
-#endif
+  const uint32_t done = TakeEights(in, count, shift, planes, values);
   std::memset(values + done, 0, (count - done) * sizeof values[0]);
   for (uint32_t p = 0; p < planes; ++p, in += count) {
     for (uint32_t i = done; i < count; ++i) values[i] |= uint64_t{in[i]} << (shift + 8 * p);
@@ -122,30 +172,22 @@ void TakePlanes(const uint8_t* in, uint32_t count, uint32_t shift, uint32_t plan
 }
 
 // Returns the bytes written to `out`; `work` has room for the column.
-[[gnu::always_inline]] inline uint32_t PackColumnHere(const uint64_t* values, uint32_t count, uint64_t* work,
-                                                      uint8_t* out) {
-  uint64_t smallest = values[0];
-  for (uint32_t i = 1; i < count; ++i) smallest = values[i] < smallest ? values[i] : smallest;
-  uint64_t offsets = 0;
-  for (uint32_t i = 0; i < count; ++i) offsets |= values[i] - smallest;
-  uint64_t differences = 0;
-  work[0] = 0;
-  for (uint32_t i = 1; i < count; ++i) {
-    work[i] = Zigzag(values[i] - values[i - 1]);
-    differences |= work[i];
-  }
-  ColumnHead head{};
-  // Zigzag moves a difference up by a bit, which the shift takes back.
-  const auto width = [](uint64_t bits) {
-    return bits != 0 ? static_cast<int>(std::bit_width(bits)) - std::countr_zero(bits) : 0;
+uint32_t PackColumn(const uint64_t* values, uint32_t count, uint64_t* work, uint8_t* out) {
+  const ColumnSpan span = SpanOf(values, count, work);
+  // Differences to any value have the same low bits that are 0. Zigzag moves a difference up by a bit, which the shift
+  // takes back.
+  const auto width = [](uint64_t top, uint64_t bits) {
+    return bits != 0 ? static_cast<int>(std::bit_width(top)) - std::countr_zero(bits) : 0;
   };
-  head.differs = width(differences) <= width(offsets);
-  head.base = head.differs != 0 ? values[0] : smallest;
-  const uint64_t bits = head.differs != 0 ? differences : offsets;
+  ColumnHead head{};
+  head.differs = width(span.steps, span.steps) <= width(span.largest - span.smallest, span.apart);
+  head.base = head.differs != 0 ? values[0] : span.smallest;
+  const uint64_t bits = head.differs != 0 ? span.steps : span.apart;
+  const uint64_t top = head.differs != 0 ? span.steps : span.largest - span.smallest;
   if (bits != 0) head.shift = static_cast<uint8_t>(std::countr_zero(bits));
-  head.planes = BytesOf(bits >> head.shift);
+  head.planes = BytesOf(top >> head.shift);
   if (head.differs == 0) {
-    for (uint32_t i = 0; i < count; ++i) work[i] = values[i] - smallest;
+    for (uint32_t i = 0; i < count; ++i) work[i] = values[i] - span.smallest;
   }
   std::memcpy(out, &head, sizeof head);
   PutPlanes(work, count, head.shift, head.planes, out + sizeof head);
@@ -153,42 +195,17 @@ void TakePlanes(const uint8_t* in, uint32_t count, uint32_t shift, uint32_t plan
 }
 
 // Returns the bytes read.
-[[gnu::always_inline]] inline uint32_t UnpackColumnHere(const uint8_t* in, uint32_t count, uint64_t* values) {
+uint32_t UnpackColumn(const uint8_t* in, uint32_t count, uint64_t* values) {
   ColumnHead head;
   std::memcpy(&head, in, sizeof head);
   TakePlanes(in + sizeof head, count, head.shift, head.planes, values);
   if (head.differs != 0) {
-    for (uint32_t i = 0; i < count; ++i) values[i] = Unzigzag(values[i]);
     uint64_t value = head.base;
-    for (uint32_t i = 0; i < count; ++i) values[i] = value += values[i];
+    for (uint32_t i = 0; i < count; ++i) values[i] = value += Unzigzag(values[i]);
   } else {
     for (uint32_t i = 0; i < count; ++i) values[i] += head.base;
   }
   return static_cast<uint32_t>(sizeof head + head.planes * count);
-}
-
-#if defined(__x86_64__)
-__attribute__((target("avx512f"))) uint32_t PackColumnAvx512(const uint64_t* values, uint32_t count, uint64_t* work,
-                                                             uint8_t* out) {
-  return PackColumnHere(values, count, work, out);
-}
-__attribute__((target("avx512f"))) uint32_t UnpackColumnAvx512(const uint8_t* in, uint32_t count, uint64_t* values) {
-  return UnpackColumnHere(in, count, values);
-}
-#endif
-
-uint32_t PackColumn(const uint64_t* values, uint32_t count, uint64_t* work, uint8_t* out) {
-#if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f")) return PackColumnAvx512(values, count, work, out);
-#endif
-  return PackColumnHere(values, count, work, out);
-}
-
-uint32_t UnpackColumn(const uint8_t* in, uint32_t count, uint64_t* values) {
-#if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f")) return UnpackColumnAvx512(in, count, values);
-#endif
-  return UnpackColumnHere(in, count, values);
 }
 
 // Columns side by side. Too large for a stack that may be a small one: part of the cache's scratch.
@@ -197,6 +214,18 @@ struct Columns {
   uint64_t work[kNodeEntries];
 };
 static_assert(kColumnsAt + sizeof(Columns) == kScratchSize);
+
+// All columns in one pass: the key area of a node that loses its slot is not in the processor's nearest cache any more.
+void LoadColumns(const BucketlistNode& node, uint32_t words, Columns* columns) {
+  const BucketlistKeyArea* area = node.keyArea;
+  std::memcpy(columns->values[0], area->keys + node.sortedStart, node.sortedCount * sizeof area->keys[0]);
+  if (words == 1) return;
+  for (uint32_t i = 0; i < node.sortedCount; ++i) {
+    for (uint32_t word = 1; word < BUCKETLIST_TUPLE_WORDS; ++word) {
+      columns->values[word][i] = area->payloads[node.sortedStart + i][word - 1];
+    }
+  }
+}
 
 // 1 + an earlier column from which this one differs by a constant; 0: there is none.
 uint8_t SameAs(const Columns& columns, uint32_t word, uint32_t count) {
@@ -214,9 +243,9 @@ uint8_t SameAs(const Columns& columns, uint32_t word, uint32_t count) {
 uint32_t PackNode(const Bucketlist& list, const BucketlistNode& node, Columns* columns, uint8_t* out) {
   const uint32_t count = node.sortedCount;
   uint32_t packed = 0;
+  if (count > 0) LoadColumns(node, list.tupleSize, columns);
   for (uint32_t word = 0; count > 0 && word < list.tupleSize; ++word) {
-    uint64_t* values = columns->values[word];
-    LoadColumn(node, word, values);
+    const uint64_t* values = columns->values[word];
     ColumnHead head{};
     head.sameAs = SameAs(*columns, word, count);
     if (head.sameAs == 0) {
