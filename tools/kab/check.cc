@@ -67,6 +67,7 @@ void AddCheck(CLI::App& app, Tool& tool) {
   AddGroupOptions(command, options->group);
   command->add_flag("--quick", options->quick, "leave the scans of whole regions out");
   command->add_option("--memory", options->memory, "what bitmaps may take; with less the maps are read more often")
+      ->type_name("SIZE")
       ->capture_default_str();
 }
 

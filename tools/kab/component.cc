@@ -99,7 +99,11 @@ void Show(Tool& tool, const Component& found, const Facts& facts) {
 Exit List(Tool& tool, Group& group) {
   Exit code = Exit::kClean;
   if (tool.json) Tool::PrintJson(Tool::Header("component list"));
-  for (const Component& found : FindComponents(group, code)) {
+  const auto unreadable = [&](const KABDiskCtx& disk) {
+    tool.log.Line(fmt::format("kab: cannot read the registry of disk {}", disk.uuidText));
+    code = Worse(code, Exit::kDamageIncomplete);
+  };
+  for (const Component& found : FindComponents(group, unreadable)) {
     StopIfInterrupted();
     const Facts facts = FactsOf(found);
     Show(tool, found, facts);

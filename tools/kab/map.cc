@@ -89,8 +89,8 @@ void AddMap(CLI::App& app, Tool& tool) {
   auto options = std::make_shared<Options>();
   CLI::App* command =
       AddCommand(app, tool, "map", "Draw a disk group", kDetails, [&tool, options] { return Run(tool, *options); });
-  command->add_option("--svg", options->svg, "where to write the image, - for stdout");
-  command->add_option("--html", options->html, "where to write the page, - for stdout");
+  command->add_option("--svg", options->svg, "where to write the image, - for stdout")->type_name("FILE");
+  command->add_option("--html", options->html, "where to write the page, - for stdout")->type_name("FILE");
   command->add_flag("--text", options->text, "draw on the terminal");
   command->add_option("--columns", options->columns, "width of --text (default: the terminal's, else 100)")
       ->check(CLI::Range(40U, kMostColumns));

@@ -28,7 +28,7 @@ using Extents = std::unique_ptr<OrloExtent, FreeExtents>;
 
 }  // namespace
 
-std::vector<Component> FindComponents(DiskGroup& group, Exit& code) {
+std::vector<Component> FindComponents(DiskGroup& group, const std::function<void(const KABDiskCtx&)>& unreadable) {
   std::vector<Component> all;
   for (KABDiskCtx* disk : group.disks()) {
     if (disk->group == nullptr || !IsOrlo(*disk)) continue;
@@ -37,18 +37,21 @@ std::vector<Component> FindComponents(DiskGroup& group, Exit& code) {
     if (status == KAB_OK) {
       status = ForEachVdisk(disk, registry, [&](const Vdisk& vdisk) { all.push_back({disk, vdisk}); });
     }
-    if (status != KAB_OK) code = Worse(code, Exit::kDamageIncomplete);
+    if (status != KAB_OK) unreadable(*disk);
   }
   return all;
 }
 
 Component FindComponent(DiskGroup& group, const std::string& uuid) {
-  Exit code = Exit::kClean;
-  const std::vector<Component> all = FindComponents(group, code);
+  std::string unsearched;
+  const std::vector<Component> all = FindComponents(
+      group, [&unsearched](const KABDiskCtx& disk) { unsearched += fmt::format(", {}", disk.uuidText); });
   const auto found =
       std::find_if(all.rbegin(), all.rend(), [&uuid](const Component& one) { return one.vdisk.uuid == uuid; });
   if (found != all.rend()) return *found;
-  throw Failure(code == Exit::kClean ? Exit::kNotOurs : code, fmt::format("no component {}", uuid));
+  if (unsearched.empty()) throw Failure(Exit::kNotOurs, fmt::format("no component {}", uuid));
+  throw Failure(Exit::kDamageIncomplete,
+                fmt::format("no component {}; cannot read the registry of disk {}", uuid, unsearched.substr(2)));
 }
 
 uint32_t ForEachExtent(const Component& component, uint64_t startBlock, uint64_t endBlock,

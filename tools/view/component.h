@@ -20,11 +20,11 @@ struct Component {
   Vdisk vdisk;
 };
 
-/// Every component of the group. Damage makes `code` worse; the library's lines tell of it.
-std::vector<Component> FindComponents(DiskGroup& group, Exit& code);
+/// Every component of the group. `unreadable` gets each disk whose registry cannot be read to its end.
+std::vector<Component> FindComponents(DiskGroup& group, const std::function<void(const KABDiskCtx&)>& unreadable);
 
 /// The component with this UUID; of several disks that list it, the last one counts, as for the library. Throws a
-/// Failure when there is none.
+/// Failure when there is none, which names the disks that could not be searched.
 Component FindComponent(DiskGroup& group, const std::string& uuid);
 
 /// Calls `take` for every run of [startBlock, endBlock) in rising order, holes included where the map has them.

@@ -368,8 +368,23 @@ class DiskView {
     const group = make(this.plot, 'g', {role: 'img', 'aria-label': label});
     make(group, 'path', {class: 'jump', d: jumps});
     make(group, 'path', {class: 'run', d: runs, stroke: `url(#${id})`});
-    make(this.plot, 'text', {class: 'muted', x: LEFT + this.width - 8, y: top + 12, 'text-anchor': 'end'}, label);
+    this.note(label, top + 12);
     this.y += height + 19;
+  }
+
+  // A sentence at the plot's right edge, broken behind its commas where it is wider than the plot.
+  note(sentence, y) {
+    const line = () => make(this.plot, 'text', {class: 'muted', x: LEFT + this.width - 8, y, 'text-anchor': 'end'});
+    let text = line();
+    for (const piece of sentence.split(/(?<=[,;]) /)) {
+      const before = text.textContent;
+      text.textContent = before ? `${before} ${piece}` : piece;
+      if (!before || text.getComputedTextLength() <= this.width - 16) continue;
+      text.textContent = before;
+      y += 15;
+      text = line();
+      text.textContent = piece;
+    }
   }
 
   // Pins nearer than their own width are one with a count.
