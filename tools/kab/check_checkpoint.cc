@@ -7,19 +7,13 @@
 
 #include "check.h"
 #include "kab/ssdlog.h"
+#include "load.h"
 
 namespace tool {
 namespace {
 
 constexpr uint64_t kMagic = 0xCAFEF00D08142007;
 constexpr size_t kChecksumAt = 132;
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 class RecordCheck {
  public:

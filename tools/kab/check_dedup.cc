@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "load.h"
+
 namespace tool {
 namespace {
 
@@ -18,13 +20,6 @@ constexpr size_t kTagAt = 28;
 constexpr size_t kOwnerIdAt = 56;
 constexpr size_t kTableAt = 60;
 constexpr uint32_t kCompressed = 1;
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 struct HeaderFault {
   const char* field;

@@ -7,6 +7,7 @@
 
 #include "check.h"
 #include "kab/ssdlog.h"
+#include "load.h"
 #include "log_walk.h"
 #include "progress.h"
 
@@ -26,13 +27,6 @@ constexpr size_t kWriteBufferStartAt = 20;
 constexpr size_t kWriteBufferLengthAt = 28;
 constexpr size_t kLastLlogAt = 44;
 constexpr size_t kLastPlogAt = 68;
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 class ChainCheck {
  public:

@@ -3,9 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "kab/orlo.h"
+#include "load.h"
+#include "orlo_registry.h"
 
 namespace tool {
 namespace {
@@ -28,13 +29,6 @@ struct Shape {
 constexpr Shape kShape6 = {1374, 8, 2054, 4};
 constexpr Shape kShape = {1034, 12, 1374, 8};
 
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
-
 uint64_t Widen(uint32_t number) { return number == ~uint32_t{0} ? kNone : number; }
 uint64_t Masked(uint64_t number) { return number == kNone ? kNone : number & kBlockMask; }
 uint64_t KeyAt(const uint8_t* node, uint32_t i) { return Load<uint32_t>(node + kKeysAt + 4 * i); }
@@ -44,7 +38,7 @@ uint64_t KeyAt(const uint8_t* node, uint32_t i) { return Load<uint32_t>(node + k
 MapCheck::MapCheck(Check& check, KABDiskCtx* disk)
     : check_(check),
       disk_(disk),
-      version6_(disk->meta[468] == 6),
+      version6_(FormatVersion(*disk) == 6),
       blocks_(disk->usableSize / kBlock),
       taken_(check.quick || blocks_ / 8 > check.memory ? 0 : blocks_) {}
 

@@ -2,13 +2,13 @@
 
 #include <fmt/format.h>
 
-#include <cstring>
 #include <vector>
 
 #include "check.h"
 #include "check_map.h"
 #include "kab/orlo.h"
 #include "kab/zolt.h"
+#include "load.h"
 #include "orlo_registry.h"
 #include "progress.h"
 
@@ -16,13 +16,6 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 class DiskCheck {
  public:

@@ -8,6 +8,7 @@
 #include "check.h"
 #include "check_dedup.h"
 #include "kab/checksum.h"
+#include "load.h"
 
 namespace tool {
 namespace {
@@ -25,13 +26,6 @@ constexpr Field kFields[] = {
     {"xmapStart", 148},         {"xmapSize", 156},         {"dataStart", 164},         {"dataSize", 172},
     {"metaBmapHmapStart", 180}, {"metaBmapHmapSize", 188}, {"metaBmapBmapStart", 196}, {"metaBmapBmapSize", 204},
     {"metaBmapXmapStart", 212}, {"metaBmapXmapSize", 220}, {"softReserveSize", 253},   {"expansion1Size", 261}};
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 void CheckChecksum(Check& check, KABDiskCtx* disk, const uint8_t* stored) {
   const auto saved = Load<uint32_t>(stored + kChecksumAt);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "load.h"
 #include "tool.h"
 
 namespace tool {
@@ -38,13 +39,6 @@ constexpr Placed kPlaced[] = {{"transaction superblock", DDP_BLK_TXN_SUPER, kTxn
                               {"hash map's map bitmap", DDP_BLK_META_BMAP_HMAP, 180},
                               {"bitmap's map bitmap", DDP_BLK_META_BMAP_BMAP, 196},
                               {"translation map's map bitmap", DDP_BLK_META_BMAP_XMAP, 212}};
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 bool ReadBlocks(KABDiskCtx* disk, uint64_t block, uint64_t count, uint8_t* buffer) {
   return KABRead(disk, buffer, static_cast<uint32_t>(count * kDedupBlock),

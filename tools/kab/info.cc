@@ -11,6 +11,7 @@
 #include "findings.h"
 #include "group.h"
 #include "kab/ssdlog.h"
+#include "load.h"
 #include "orlo_registry.h"
 #include "progress.h"
 
@@ -30,7 +31,6 @@ constexpr size_t kTypeAt = 8;
 constexpr size_t kModesAt = 11;
 constexpr size_t kModes11At = 9;
 constexpr size_t kTableAt = 60;
-constexpr size_t kVersionAt = 468;
 constexpr uint8_t kType11 = 11;
 
 struct DiskFacts {
@@ -43,8 +43,8 @@ struct DiskFacts {
 DiskFacts FactsOf(const KABDiskCtx& ctx) {
   const uint8_t* meta = ctx.meta;
   const uint8_t type = meta[kTypeAt];
-  if (type == kType11) return {type, meta[kVersionAt], static_cast<uint8_t>(meta[kModes11At] & 7), 0};
-  return {type, meta[kVersionAt], static_cast<uint8_t>(meta[kModesAt] >> 5),
+  if (type == kType11) return {type, FormatVersion(ctx), static_cast<uint8_t>(meta[kModes11At] & 7), 0};
+  return {type, FormatVersion(ctx), static_cast<uint8_t>(meta[kModesAt] >> 5),
           static_cast<uint8_t>(meta[kModesAt] >> 2 & 3)};
 }
 
@@ -95,13 +95,6 @@ struct Options {
   GroupOptions group;
   bool scan = false;
 };
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 // What cannot be told is null; this says why.
 class Gaps {

@@ -9,6 +9,7 @@
 #include "findings.h"
 #include "group.h"
 #include "kab/ssdlog.h"
+#include "load.h"
 #include "log_walk.h"
 #include "orlo_registry.h"
 
@@ -37,13 +38,6 @@ struct Options {
   GroupOptions group;
   std::string only;
 };
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 Json BlkOrNull(uint64_t blkNo) { return blkNo == kInvalidBlk ? Json(nullptr) : Json(blkNo); }
 

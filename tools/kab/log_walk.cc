@@ -6,6 +6,7 @@
 
 #include "findings.h"
 #include "kab/ssdlog.h"
+#include "load.h"
 #include "tool.h"
 
 namespace tool {
@@ -17,13 +18,6 @@ constexpr size_t kEntryCountAt = 12;
 constexpr uint32_t kEntriesAt = 64;
 constexpr size_t kEntryLengthAt = 20;
 constexpr uint32_t kPrefixLength = 48;
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 // Why a walk ended at a block that was read: it is torn, or not of this chain.
 std::string EndReason(KABDiskCtx* ssd, const uint8_t* block) {

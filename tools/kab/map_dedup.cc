@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 
 #include "kab/ddp.h"
+#include "load.h"
 #include "map_gather.h"
 
 namespace tool {
@@ -40,13 +40,6 @@ constexpr Region kRegions[] = {{"transaction superblock", "superblock", 84},
                                {"hash map's map bitmap", "bitmap", 180},
                                {"bitmap's map bitmap", "bitmap", 196},
                                {"translation map's map bitmap", "bitmap", 212}};
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 // What is asked of one disk while all of them are scanned: records name units of any member.
 struct Member {

@@ -11,7 +11,6 @@ namespace {
 
 constexpr size_t kTypeAt = 8;
 constexpr size_t kModesAt = 11;
-constexpr size_t kVersionAt = 468;
 constexpr uint8_t kType11 = 11;
 
 const char* LayoutOf(const KABDiskCtx& ctx, bool ssd) {
@@ -31,7 +30,7 @@ MapDisk NewDisk(const KABDiskCtx& ctx, bool ssd) {
   disk.layout = LayoutOf(ctx, ssd);
   disk.size = ctx.diskSize;
   disk.dataOffset = ctx.dataOffset;
-  disk.formatVersion = ctx.meta[kVersionAt];
+  disk.formatVersion = FormatVersion(ctx);
   disk.encrypted = ctx.encrypted != 0;
   MapGather::AddRegion(disk, "Arvo metadata", "meta", ctx.metaOffset, KAB_META_BLOCK_SIZE);
   const uint64_t end = ctx.dataOffset + ctx.usableSize;

@@ -1,8 +1,8 @@
 #include "orlo_map.h"
 
-#include <cstring>
-
 #include "kab/orlo.h"
+#include "load.h"
+#include "orlo_registry.h"
 #include "tool.h"
 
 namespace tool {
@@ -11,20 +11,12 @@ namespace {
 constexpr uint64_t kNowhere = ~uint64_t{0};
 constexpr uint64_t kBlockMask = (uint64_t{1} << 45) - 1;
 constexpr uint32_t kCountMask = (1U << 26) - 1;
-constexpr size_t kFormatVersionAt = 468;
 constexpr size_t kKeysAt = 18;
 // Where a map block keeps its records or children, by the disk's format version.
 constexpr size_t kRecordsAt6 = 1374;
 constexpr size_t kRecordsAt = 1034;
 constexpr size_t kChildrenAt6 = 2054;
 constexpr size_t kChildrenAt = 1374;
-
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 struct Record {
   uint64_t key;       // logical block
@@ -64,7 +56,7 @@ uint32_t WalkOrloMap(KABDiskCtx* disk, uint64_t root, const std::function<void(u
                      const std::function<void(const OrloRun& run)>& takeRun) {
   Cursor cursor{};
   cursor.root = root;
-  cursor.version = disk->meta[kFormatVersionAt];
+  cursor.version = FormatVersion(*disk);
   cursor.disk = disk;
   if (root != kNowhere) takeNode(OffsetOf(root));
   for (uint64_t least = 0;;) {

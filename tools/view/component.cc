@@ -13,7 +13,6 @@ namespace {
 constexpr uint64_t kBlockSpace = uint64_t{1} << 32;  // logical block numbers are 32 bits wide
 constexpr uint32_t kRunsAtOnce = 1 << 20;            // blocks a look-up may hand out
 constexpr uint32_t kReadMode = 1;
-constexpr size_t kFormatVersionAt = 468;
 
 struct FreeExtents {
   void operator()(OrloExtent* extent) const {
@@ -59,7 +58,7 @@ uint32_t ForEachExtent(const Component& component, uint64_t startBlock, uint64_t
   if (!component.vdisk.present) return KAB_OK;
   OrloBTreeCursor cursor{};
   cursor.root = component.vdisk.mapBlock;
-  cursor.version = component.disk->meta[kFormatVersionAt];
+  cursor.version = FormatVersion(*component.disk);
   cursor.disk = component.disk;
   for (uint64_t block = startBlock; block < endBlock;) {
     OrloExtent* list = nullptr;

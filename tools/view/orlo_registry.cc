@@ -8,6 +8,7 @@
 
 #include "failure.h"
 #include "kab/orlo.h"
+#include "load.h"
 
 namespace tool {
 namespace {
@@ -20,14 +21,7 @@ constexpr size_t kEntryCountAt = 36;
 constexpr uint64_t kEntriesAt = 52;
 constexpr uint64_t kWindow = 1 << 20;
 
-template <class T>
-T Load(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
-
-bool IsVersion6(const KABDiskCtx& disk) { return disk.meta[kFormatVersionAt] == 6; }
+bool IsVersion6(const KABDiskCtx& disk) { return FormatVersion(disk) == 6; }
 
 Vdisk FromEntry(const KABDiskCtx& disk, const uint8_t* entry) {
   Vdisk vdisk;
@@ -55,8 +49,10 @@ std::string UuidText(const uint8_t* uuid) {
   return text;
 }
 
+uint8_t FormatVersion(const KABDiskCtx& disk) { return disk.meta[kFormatVersionAt]; }
+
 bool IsOrlo(const KABDiskCtx& disk) {
-  const uint8_t version = disk.meta[kFormatVersionAt];
+  const uint8_t version = FormatVersion(disk);
   return version == 6 || version == 7;
 }
 

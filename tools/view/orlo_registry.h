@@ -17,6 +17,9 @@ struct Vdisk {
   uint64_t mapBlock = 0;  // root of its map tree, in blocks of 4096 bytes
 };
 
+/// A disk's format version, as its metadata block has it.
+uint8_t FormatVersion(const KABDiskCtx& disk);
+
 /// Whether a disk's format version is one that holds Orlo data.
 bool IsOrlo(const KABDiskCtx& disk);
 
