@@ -26,6 +26,9 @@ struct ComponentCase {
   sample::OrloTreeShape tree;
 };
 
+// By name: not every byte of a case is a field.
+void PrintTo(const ComponentCase& c, std::ostream* out) { *out << c.name; }
+
 class ComponentTest : public testing::TestWithParam<ComponentCase> {
  protected:
   void SetUp() override {

@@ -12,6 +12,13 @@ using sample::LoggedGroup;
 using sample::LoggedGroupOptions;
 using testing::HasSubstr;
 
+namespace sample {
+
+// By seed: not every byte of the options is a field.
+static void PrintTo(const LoggedGroupOptions& options, std::ostream* out) { *out << "seed " << options.seed; }
+
+}  // namespace sample
+
 namespace {
 
 struct Range {

@@ -33,6 +33,9 @@ struct ModelCase {
   uint32_t operations;
 };
 
+// By name: not every byte of a case is a field.
+void PrintTo(const ModelCase& c, std::ostream* out) { *out << c.name; }
+
 constexpr ModelCase kCases[] = {
     {"Rising", Order::kRising, 5, 0, 0, 30000},
     {"Falling", Order::kFalling, 4, 0, 0, 30000},
