@@ -680,6 +680,19 @@ class Orlo(CheckCase):
                 (node_that_returns_to_its_root, ["ORLO-MAP-TWICE"], 4), (node_behind_the_disk, ["ORLO-MAP-BOUNDS"], 4)):
             self.assert_tells(spoil, wanted, code)
 
+    def test_superblocks_that_have_no_place(self):
+        """The second component's must not pass for valid because the one before it was."""
+        def map_without_records():
+            root = self.at(self.component["mapBlock"])
+            self.disk.put(root + 16, 0x8000, "<H")
+            return root
+
+        before = [line["id"] for line in self.json("component", "list", *self.paths())[1:]
+                  if line["slot"] == 0 and line["hasSuperblock"]].index(self.component["id"])
+        self.assertGreater(before, 0)
+        self.assert_tells(map_without_records, ["ORLO-SUPERBLOCK"], 3)
+        self.assert_tells(map_without_records, ["ORLO-SUPERBLOCK"], 3, "--quick")
+
     def test_too_little_memory_for_a_walk(self):
         told = [finding["code"] for finding in self.check("--memory", "100", code=4)[:-1]]
         self.assertEqual(told.count("ORLO-MAP-SKIPPED"), 2)

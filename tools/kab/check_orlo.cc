@@ -70,7 +70,8 @@ class DiskCheck {
  private:
   void CheckVdisk(const Vdisk& vdisk, LineTrap& trap) {
     if (map_.walks()) map_.CheckTree(vdisk);
-    superblock_.resize(ORLO_SUPERBLOCK_SIZE);
+    // What the map does not place reads as zeros, never as the superblock before.
+    superblock_.assign(ORLO_SUPERBLOCK_SIZE, 0);
     if (OrloReadWriteComponentSuperBlock(disk_, vdisk.mapBlock, superblock_.data(), 1) != KAB_OK ||
         KABIsZOLTCompSblkValid(superblock_.data()) == 0) {
       check_.Damage(
