@@ -5,6 +5,7 @@
 With KAB_UPDATE_GOLDEN set, the golden files are written anew instead of compared.
 """
 import hashlib
+import itertools
 import os
 import resource
 import shutil
@@ -320,6 +321,19 @@ class Cli(unittest.TestCase):
                 ["read", "--force", "-r", "0:1", "-o", "group/disk0.img", *self.disks[:2]]:
             self.assertIn("is what this command reads from", self.kab(*arguments, code=2)[1])
         self.assertEqual(sorted(os.listdir(self.work)), ["d", "group", "t"])
+
+    def test_what_is_no_file_is_not_replaced(self):
+        """A dump comes to its name by a renaming, which would take away a device's or a pipe's."""
+        os.mkfifo(self.path("fifo"))
+        os.mkdir(self.path("folder"))
+        os.symlink("/dev/null", self.path("link"))
+        before = {name: os.lstat(self.path(name)) for name in ("fifo", "folder", "link")}
+        for name, force in itertools.product(before, ([], ["--force"])):
+            with self.subTest(name, force=force):
+                error = self.kab("dump", *force, "-o", name, "-r", "1M:4K", self.disks[0], code=2)[1]
+                self.assertIn(f"{name}: neither new nor a regular file", error)
+                now = os.lstat(self.path(name))
+                self.assertEqual((now.st_ino, now.st_mode), (before[name].st_ino, before[name].st_mode))
 
     def test_damaged_dumps(self):
         whole = [(MIB, 3, b"abc"), (5, 0, b""), (2 * MIB, 4, b"defg")]
