@@ -706,6 +706,10 @@ class Orlo(CheckCase):
             disk.put(DATA + 4, 9, "<I")
             return DATA
 
+        def block0_magic():
+            disk.write(DATA, b"\x1b[31m\nOut of memory")  # a text to print, and none to believe
+            return DATA
+
         def registry_behind_the_disk():
             disk.put(DATA + 48, 1 << 50)
 
@@ -722,7 +726,8 @@ class Orlo(CheckCase):
             return self.at(self.component["mapBlock"])
 
         for spoil, wanted, code in (
-                (block0_version, ["ORLO-BLOCK0"], 4), (registry_behind_the_disk, ["ORLO-REGISTRY"], 4),
+                (block0_version, ["ORLO-BLOCK0"], 4), (block0_magic, ["ORLO-BLOCK0"], 4),
+                (registry_behind_the_disk, ["ORLO-REGISTRY"], 4),
                 (registry_longer_than_its_buffer, ["ORLO-REGISTRY-SHORT"], 0),
                 (entries_that_are_not_there, ["ORLO-REGISTRY"], 4), (superblock, ["ORLO-SUPERBLOCK"], 3)):
             self.assert_tells(spoil, wanted, code)

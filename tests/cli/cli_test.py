@@ -40,12 +40,12 @@ def patch(path, offset, data):
 
 
 def forge_dump(path, records, *, count=None, magic=0xCC0000CC, version=1, digest=None, disk_size=16 * MIB, stream=None,
-               total=None):
+               total=None, device=b"forged.img"):
     """A dump made from its description alone: records are (offset, stated length, data)."""
     raw = b"".join(struct.pack("<QI", offset, length) + data for offset, length, data in records)
     header = struct.pack("<IIQQQQ32s128s", magic, version, len(records) if count is None else count, disk_size,
                          len(raw) if total is None else total, 1_700_000_000_000_000,
-                         hashlib.sha256(raw).digest() if digest is None else digest, b"forged.img")
+                         hashlib.sha256(raw).digest() if digest is None else digest, device)
     with open(path, "wb") as file:
         file.write(header.ljust(4096, b"\0") + (zlib.compress(raw) if stream is None else stream(raw)))
 
@@ -384,6 +384,16 @@ class Cli(unittest.TestCase):
         self.assertIn("good: intact", output)
         self.assertIn("cut: broken", output)
         self.assertEqual(self.kab("verify", "cut", "digest", code=6)[0].count(b"\n"), 2)
+
+    def test_a_device_name_is_only_shown(self):
+        """Whatever a dump calls its device, it changes neither the verdict nor the terminal."""
+        for name in b"\x1b[31mred\x07\x7f", b"\x1b]0;title\nnext", b"Total Hash mismatch for dump", b"Out of memory":
+            forge_dump(self.path("d"), [(MIB, 3, b"abc")], device=name)
+            for options in [], ["-v"]:
+                for command in ["verify", "d"], ["extract", "--force", "d", "t"], ["diff", "--raw", "d", "t"]:
+                    with self.subTest(name, command=command, options=options):
+                        output, error = self.kab(*options, *command)
+                        self.assertEqual([c for c in output.decode() + error if c < " " and c != "\n" or c == "\x7f"], [])
 
     def test_target_size_that_cannot_be(self):
         forge_dump(self.path("d"), [], disk_size=2**63)

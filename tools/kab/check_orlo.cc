@@ -2,10 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
 #include <vector>
 
 #include "check.h"
 #include "check_map.h"
+#include "dump_file.h"
 #include "kab/orlo.h"
 #include "kab/zolt.h"
 #include "load.h"
@@ -16,6 +18,8 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
+constexpr char kMagic[] = "OLRO";
+constexpr size_t kMagicSize = 4;
 
 class DiskCheck {
  public:
@@ -24,7 +28,14 @@ class DiskCheck {
   void Run() {
     LineTrap trap;
     uint8_t blk0[ORLO_BLOCK0_SIZE];
-    if (OrloReadBlock0(disk_, blk0, nullptr) != KAB_OK || OrloCheckBlock0(disk_, blk0) != KAB_OK) {
+    const bool readable = OrloReadBlock0(disk_, blk0, nullptr) == KAB_OK;
+    // The library's line about the magic would quote the disk's bytes as a text.
+    const bool magic = !readable || std::memcmp(blk0, kMagic, kMagicSize) == 0;
+    if (!magic) {
+      check_.Damage("ORLO-BLOCK0", *disk_, disk_->dataOffset, "block 0 has a wrong magic",
+                    HexText(reinterpret_cast<const uint8_t*>(kMagic), kMagicSize), HexText(blk0, kMagicSize));
+    }
+    if (!readable || !magic || OrloCheckBlock0(disk_, blk0) != KAB_OK) {
       check_.TakeLines(trap, "ORLO-BLOCK0", *disk_, disk_->dataOffset);
       check_.complete = false;
       return;
