@@ -267,8 +267,9 @@ class Cli(unittest.TestCase):
         self.assertEqual((process.stderr.read(), process.wait()), (b"", 1))
         process.stderr.close()
         with open("/dev/full", "wb") as full:
-            self.assertIn("No space left", self.kab("info", self.disks[0], stdout=full, code=1)[1])
-            self.assertIn("No space left", self.kab("read", "-r", "0:1M", self.disks[0], stdout=full, code=1)[1])
+            for command in ["info"], ["check"], ["check", "--json"], ["read", "-r", "0:1M"], ["log"]:
+                error = self.kab(*command, self.disks[0], stdout=full, code=1)[1]
+                self.assertEqual(error.count("No space left"), 1, command)
 
     # Dumping
 
