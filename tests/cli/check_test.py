@@ -693,6 +693,23 @@ class Orlo(CheckCase):
         self.assert_tells(map_without_records, ["ORLO-SUPERBLOCK"], 3)
         self.assert_tells(map_without_records, ["ORLO-SUPERBLOCK"], 3, "--quick")
 
+    def test_a_component_listed_twice(self):
+        """Told by its second entry; found, as the library finds it, by its first."""
+        disk = self.disk
+        entries = DATA + disk.word(DATA + 48) + 52
+        first, second = (line["uuid"] for line in self.json("component", "list", *self.paths())[1:3])
+
+        def second_name_is_the_first():
+            disk.write(entries + 48 + 24, disk.read(entries + 24, 16))
+            return entries + 48
+
+        self.assert_tells(second_name_is_the_first, ["ORLO-REGISTRY-TWICE"], 3, "--quick")
+        second_name_is_the_first()
+        paths = self.paths(f"{self.work}/group")
+        for uuid in first, first.upper():
+            self.assertEqual(self.json("component", "info", "-u", uuid, *paths)[0]["id"], 1)
+        self.json("component", "info", "-u", second, *paths, code=5)
+
     def test_too_little_memory_for_a_walk(self):
         told = [finding["code"] for finding in self.check("--memory", "100", code=4)[:-1]]
         self.assertEqual(told.count("ORLO-MAP-SKIPPED"), 2)
@@ -767,6 +784,9 @@ class Metadata(CheckCase):
 
         self.assert_tells(not_unmounted, ["META-MOUNTED"], 0, "--skip-unmount-check")
         self.assert_tells(modes, ["META-MODES-DIFFER"], 0)
+        ssd_last = sorted(self.paths(f"{self.work}/group"))
+        codes = self.check(code=5, paths=ssd_last)[-1]["codes"]
+        self.assertEqual((codes["META-TABLE-EMPTY"], codes["META-DISK-REFUSED"]), (1, 3))
         self.assert_tells(disk_twice, ["META-SLOT-TWICE", "META-DISK-MISSING"], 4)
         self.disks[0].put(self.META + 468, 19, "<B")
         self.assertEqual(self.check()[-1]["codes"]["META-VERSION-DIFFERS"], 1)

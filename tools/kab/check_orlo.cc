@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "check.h"
@@ -18,6 +19,8 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
+constexpr uint64_t kRegistryEntriesAt = 52;
+constexpr uint64_t kBytesPerName = 128;  // what one of a set takes
 constexpr char kMagic[] = "OLRO";
 constexpr size_t kMagicSize = 4;
 
@@ -65,6 +68,7 @@ class DiskCheck {
                       uint64_t{registry.entries} * ORLO_SUPERBLOCK_SIZE);
     const uint32_t status = ForEachVdisk(disk_, registry, [&](const Vdisk& vdisk) {
       StopIfInterrupted();
+      CheckName(vdisk, registry, seen);
       ++seen;
       if (vdisk.present) CheckVdisk(vdisk, trap);
       progress.Add(ORLO_SUPERBLOCK_SIZE);
@@ -79,6 +83,15 @@ class DiskCheck {
   }
 
  private:
+  // Of two entries with one UUID a look-up finds the first alone.
+  void CheckName(const Vdisk& vdisk, const Registry& registry, uint64_t index) {
+    if (names_.size() >= check_.memory / kBytesPerName || names_.insert(vdisk.uuid).second) return;
+    const uint64_t size = FormatVersion(*disk_) == 6 ? ORLO_VDISK_ENTRY_SIZE_V6 : ORLO_VDISK_ENTRY_SIZE;
+    check_.Damage("ORLO-REGISTRY-TWICE", *disk_,
+                  disk_->dataOffset + registry.offset + kRegistryEntriesAt + index * size,
+                  fmt::format("the registry lists component {} twice", vdisk.uuid));
+  }
+
   void CheckVdisk(const Vdisk& vdisk, LineTrap& trap) {
     if (map_.walks()) map_.CheckTree(vdisk);
     // What the map does not place reads as zeros, never as the superblock before.
@@ -95,6 +108,7 @@ class DiskCheck {
   KABDiskCtx* disk_;
   MapCheck map_;
   std::vector<uint8_t> superblock_;
+  std::set<std::string> names_;
 };
 
 }  // namespace
