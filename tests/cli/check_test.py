@@ -276,6 +276,12 @@ class Dedup(CheckCase):
             self.disks[1].flip(DATA)
             return DATA
 
+        def superblock_of_noise():
+            self.disks[1].write(DATA, b"\x95" * BLOCK)
+            for finding in self.check(code=4)[:-1]:
+                self.assertLess(finding["offset"] or 0, 16 << 20, finding)
+            return DATA
+
         def superblock_copy():
             disk = self.disks[2]
             disk.flip(disk.at(disk.hmap + disk.hmap_size) + 80, 16)
@@ -303,6 +309,7 @@ class Dedup(CheckCase):
         self.assert_tells(superblock_field, ["DDP-SUPERBLOCK"], 3)
         self.assert_tells(superblock_checksum, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 3)
         self.assert_tells(superblock_magic, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 4)
+        self.assert_tells(superblock_of_noise, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 4)
         self.assert_tells(superblock_copy, ["DDP-SUPERBLOCK-COPY"], 0)
         self.assert_tells(start_in_the_superblock_copy, ["DDP-SUPERBLOCK-COPY"], 0)
         self.assert_tells(copy_of_the_bitmap, ["DDP-COPY"], 0)
@@ -520,6 +527,12 @@ class Log(CheckCase):
                 self.ssd.flip(DATA + copy * BLOCK + 4)
                 self.seal_record(copy)
         self.assert_tells(both_records, ["CPR-INVALID", "CPR-NONE"], 4)
+
+        for copy in 0, 1:  # kab info has no log to show then, and says so
+            self.ssd.flip(DATA + copy * BLOCK + 12)
+            self.assertEqual(self.json("info", self.paths(f"{self.work}/group")[0], code=4 * copy)[0]["log"] is None,
+                             copy == 1)
+        self.ssd.restore()
 
         def write_buffer_leaves_the_disk():
             self.ssd.put(DATA + 100, 1 << 50)
