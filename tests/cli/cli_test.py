@@ -294,6 +294,27 @@ class Cli(unittest.TestCase):
             expected[offset:offset + length] = clear[offset:offset + length]
         self.assertEqual(read_file(self.path("t")), bytes(expected))
 
+    def test_clear_data_is_not_laid_over_an_encrypted_disk(self):
+        """Not unasked, and never without a word where the flag stays set."""
+        self.kab(*self.key, "dump", "-o", "d", "--disk", "1", "-r", "1M:4K", "-r", "3M:4K", *self.disks)
+        self.kab(*self.key, "dump", "-o", "data", "--disk", "1", "-r", "3M:4K", *self.disks)
+        disk = self.copy("group/disk1.img", "disk")
+        eleven = self.copy("group/disk0.img", "eleven")
+        patch(self.path("eleven"), MIB + 8, b"\x0b\x09")
+        for target in disk, eleven:
+            before = read_file(self.path(target))
+            error = self.kab("extract", "--in-place", "data", target, code=2)[1]
+            self.assertIn(f"{target} says that it is encrypted", error)
+            self.assertEqual(read_file(self.path(target)), before)
+            self.assertIn("yet says", self.kab("extract", "--in-place", "--force", "data", target)[1])
+            self.assertNotEqual(read_file(self.path(target)), before)
+        self.assertIn("(bit 0 of byte 1049608)", self.kab("extract", "d", "new")[1])
+        self.assertEqual(self.kab("extract", "data", "unmarked")[1], "")
+        self.assertEqual(self.kab("extract", "--in-place", "data", self.copy("group/disk0.img", "plain"))[1], "")
+        self.kab(*self.key, "dump", "-o", "set", "--all-disks", *self.disks)
+        error = self.kab("extract", "set", "images")[1]
+        self.assertEqual([line.split()[2] for line in error.splitlines()], ["images/disk1.img"])
+
     def test_metadata_is_the_default(self):
         self.kab("dump", "-o", "d", self.disks[0])
         self.kab("extract", "--no-verify", "d", "t")
