@@ -276,6 +276,12 @@ class Dedup(CheckCase):
             self.disks[1].flip(DATA)
             return DATA
 
+        def superblock_of_noise():
+            self.disks[1].write(DATA, b"\x95" * BLOCK)
+            for finding in self.check(code=4)[:-1]:
+                self.assertLess(finding["offset"] or 0, 16 << 20, finding)
+            return DATA
+
         def superblock_copy():
             disk = self.disks[2]
             disk.flip(disk.at(disk.hmap + disk.hmap_size) + 80, 16)
@@ -303,6 +309,7 @@ class Dedup(CheckCase):
         self.assert_tells(superblock_field, ["DDP-SUPERBLOCK"], 3)
         self.assert_tells(superblock_checksum, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 3)
         self.assert_tells(superblock_magic, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 4)
+        self.assert_tells(superblock_of_noise, ["DDP-SUPERBLOCK", "DDP-SUPERBLOCK-COPY"], 4)
         self.assert_tells(superblock_copy, ["DDP-SUPERBLOCK-COPY"], 0)
         self.assert_tells(start_in_the_superblock_copy, ["DDP-SUPERBLOCK-COPY"], 0)
         self.assert_tells(copy_of_the_bitmap, ["DDP-COPY"], 0)
@@ -521,6 +528,12 @@ class Log(CheckCase):
                 self.seal_record(copy)
         self.assert_tells(both_records, ["CPR-INVALID", "CPR-NONE"], 4)
 
+        for copy in 0, 1:  # kab info has no log to show then, and says so
+            self.ssd.flip(DATA + copy * BLOCK + 12)
+            self.assertEqual(self.json("info", self.paths(f"{self.work}/group")[0], code=4 * copy)[0]["log"] is None,
+                             copy == 1)
+        self.ssd.restore()
+
         def write_buffer_leaves_the_disk():
             self.ssd.put(DATA + 100, 1 << 50)
             self.ssd.put(DATA + 28, 1 << 40)
@@ -680,6 +693,36 @@ class Orlo(CheckCase):
                 (node_that_returns_to_its_root, ["ORLO-MAP-TWICE"], 4), (node_behind_the_disk, ["ORLO-MAP-BOUNDS"], 4)):
             self.assert_tells(spoil, wanted, code)
 
+    def test_superblocks_that_have_no_place(self):
+        """The second component's must not pass for valid because the one before it was."""
+        def map_without_records():
+            root = self.at(self.component["mapBlock"])
+            self.disk.put(root + 16, 0x8000, "<H")
+            return root
+
+        before = [line["id"] for line in self.json("component", "list", *self.paths())[1:]
+                  if line["slot"] == 0 and line["hasSuperblock"]].index(self.component["id"])
+        self.assertGreater(before, 0)
+        self.assert_tells(map_without_records, ["ORLO-SUPERBLOCK"], 3)
+        self.assert_tells(map_without_records, ["ORLO-SUPERBLOCK"], 3, "--quick")
+
+    def test_a_component_listed_twice(self):
+        """Told by its second entry; found, as the library finds it, by its first."""
+        disk = self.disk
+        entries = DATA + disk.word(DATA + 48) + 52
+        first, second = (line["uuid"] for line in self.json("component", "list", *self.paths())[1:3])
+
+        def second_name_is_the_first():
+            disk.write(entries + 48 + 24, disk.read(entries + 24, 16))
+            return entries + 48
+
+        self.assert_tells(second_name_is_the_first, ["ORLO-REGISTRY-TWICE"], 3, "--quick")
+        second_name_is_the_first()
+        paths = self.paths(f"{self.work}/group")
+        for uuid in first, first.upper():
+            self.assertEqual(self.json("component", "info", "-u", uuid, *paths)[0]["id"], 1)
+        self.json("component", "info", "-u", second, *paths, code=5)
+
     def test_too_little_memory_for_a_walk(self):
         told = [finding["code"] for finding in self.check("--memory", "100", code=4)[:-1]]
         self.assertEqual(told.count("ORLO-MAP-SKIPPED"), 2)
@@ -691,6 +734,10 @@ class Orlo(CheckCase):
 
         def block0_version():
             disk.put(DATA + 4, 9, "<I")
+            return DATA
+
+        def block0_magic():
+            disk.write(DATA, b"\x1b[31m\nOut of memory")  # a text to print, and none to believe
             return DATA
 
         def registry_behind_the_disk():
@@ -709,7 +756,8 @@ class Orlo(CheckCase):
             return self.at(self.component["mapBlock"])
 
         for spoil, wanted, code in (
-                (block0_version, ["ORLO-BLOCK0"], 4), (registry_behind_the_disk, ["ORLO-REGISTRY"], 4),
+                (block0_version, ["ORLO-BLOCK0"], 4), (block0_magic, ["ORLO-BLOCK0"], 4),
+                (registry_behind_the_disk, ["ORLO-REGISTRY"], 4),
                 (registry_longer_than_its_buffer, ["ORLO-REGISTRY-SHORT"], 0),
                 (entries_that_are_not_there, ["ORLO-REGISTRY"], 4), (superblock, ["ORLO-SUPERBLOCK"], 3)):
             self.assert_tells(spoil, wanted, code)
@@ -749,6 +797,9 @@ class Metadata(CheckCase):
 
         self.assert_tells(not_unmounted, ["META-MOUNTED"], 0, "--skip-unmount-check")
         self.assert_tells(modes, ["META-MODES-DIFFER"], 0)
+        ssd_last = sorted(self.paths(f"{self.work}/group"))
+        codes = self.check(code=5, paths=ssd_last)[-1]["codes"]
+        self.assertEqual((codes["META-TABLE-EMPTY"], codes["META-DISK-REFUSED"]), (1, 3))
         self.assert_tells(disk_twice, ["META-SLOT-TWICE", "META-DISK-MISSING"], 4)
         self.disks[0].put(self.META + 468, 19, "<B")
         self.assertEqual(self.check()[-1]["codes"]["META-VERSION-DIFFERS"], 1)

@@ -5,6 +5,7 @@
 With KAB_UPDATE_GOLDEN set, the golden files are written anew instead of compared.
 """
 import hashlib
+import itertools
 import os
 import resource
 import shutil
@@ -39,12 +40,12 @@ def patch(path, offset, data):
 
 
 def forge_dump(path, records, *, count=None, magic=0xCC0000CC, version=1, digest=None, disk_size=16 * MIB, stream=None,
-               total=None):
+               total=None, device=b"forged.img"):
     """A dump made from its description alone: records are (offset, stated length, data)."""
     raw = b"".join(struct.pack("<QI", offset, length) + data for offset, length, data in records)
     header = struct.pack("<IIQQQQ32s128s", magic, version, len(records) if count is None else count, disk_size,
                          len(raw) if total is None else total, 1_700_000_000_000_000,
-                         hashlib.sha256(raw).digest() if digest is None else digest, b"forged.img")
+                         hashlib.sha256(raw).digest() if digest is None else digest, device)
     with open(path, "wb") as file:
         file.write(header.ljust(4096, b"\0") + (zlib.compress(raw) if stream is None else stream(raw)))
 
@@ -266,8 +267,9 @@ class Cli(unittest.TestCase):
         self.assertEqual((process.stderr.read(), process.wait()), (b"", 1))
         process.stderr.close()
         with open("/dev/full", "wb") as full:
-            self.assertIn("No space left", self.kab("info", self.disks[0], stdout=full, code=1)[1])
-            self.assertIn("No space left", self.kab("read", "-r", "0:1M", self.disks[0], stdout=full, code=1)[1])
+            for command in ["info"], ["check"], ["check", "--json"], ["read", "-r", "0:1M"], ["log"]:
+                error = self.kab(*command, self.disks[0], stdout=full, code=1)[1]
+                self.assertEqual(error.count("No space left"), 1, command)
 
     # Dumping
 
@@ -291,6 +293,27 @@ class Cli(unittest.TestCase):
         for offset, length in ranges:
             expected[offset:offset + length] = clear[offset:offset + length]
         self.assertEqual(read_file(self.path("t")), bytes(expected))
+
+    def test_clear_data_is_not_laid_over_an_encrypted_disk(self):
+        """Not unasked, and never without a word where the flag stays set."""
+        self.kab(*self.key, "dump", "-o", "d", "--disk", "1", "-r", "1M:4K", "-r", "3M:4K", *self.disks)
+        self.kab(*self.key, "dump", "-o", "data", "--disk", "1", "-r", "3M:4K", *self.disks)
+        disk = self.copy("group/disk1.img", "disk")
+        eleven = self.copy("group/disk0.img", "eleven")
+        patch(self.path("eleven"), MIB + 8, b"\x0b\x09")
+        for target in disk, eleven:
+            before = read_file(self.path(target))
+            error = self.kab("extract", "--in-place", "data", target, code=2)[1]
+            self.assertIn(f"{target} says that it is encrypted", error)
+            self.assertEqual(read_file(self.path(target)), before)
+            self.assertIn("yet says", self.kab("extract", "--in-place", "--force", "data", target)[1])
+            self.assertNotEqual(read_file(self.path(target)), before)
+        self.assertIn("(bit 0 of byte 1049608)", self.kab("extract", "d", "new")[1])
+        self.assertEqual(self.kab("extract", "data", "unmarked")[1], "")
+        self.assertEqual(self.kab("extract", "--in-place", "data", self.copy("group/disk0.img", "plain"))[1], "")
+        self.kab(*self.key, "dump", "-o", "set", "--all-disks", *self.disks)
+        error = self.kab("extract", "set", "images")[1]
+        self.assertEqual([line.split()[2] for line in error.splitlines()], ["images/disk1.img"])
 
     def test_metadata_is_the_default(self):
         self.kab("dump", "-o", "d", self.disks[0])
@@ -320,6 +343,19 @@ class Cli(unittest.TestCase):
                 ["read", "--force", "-r", "0:1", "-o", "group/disk0.img", *self.disks[:2]]:
             self.assertIn("is what this command reads from", self.kab(*arguments, code=2)[1])
         self.assertEqual(sorted(os.listdir(self.work)), ["d", "group", "t"])
+
+    def test_what_is_no_file_is_not_replaced(self):
+        """A dump comes to its name by a renaming, which would take away a device's or a pipe's."""
+        os.mkfifo(self.path("fifo"))
+        os.mkdir(self.path("folder"))
+        os.symlink("/dev/null", self.path("link"))
+        before = {name: os.lstat(self.path(name)) for name in ("fifo", "folder", "link")}
+        for name, force in itertools.product(before, ([], ["--force"])):
+            with self.subTest(name, force=force):
+                error = self.kab("dump", *force, "-o", name, "-r", "1M:4K", self.disks[0], code=2)[1]
+                self.assertIn(f"{name}: neither new nor a regular file", error)
+                now = os.lstat(self.path(name))
+                self.assertEqual((now.st_ino, now.st_mode), (before[name].st_ino, before[name].st_mode))
 
     def test_damaged_dumps(self):
         whole = [(MIB, 3, b"abc"), (5, 0, b""), (2 * MIB, 4, b"defg")]
@@ -370,6 +406,16 @@ class Cli(unittest.TestCase):
         self.assertIn("good: intact", output)
         self.assertIn("cut: broken", output)
         self.assertEqual(self.kab("verify", "cut", "digest", code=6)[0].count(b"\n"), 2)
+
+    def test_a_device_name_is_only_shown(self):
+        """Whatever a dump calls its device, it changes neither the verdict nor the terminal."""
+        for name in b"\x1b[31mred\x07\x7f", b"\x1b]0;title\nnext", b"Total Hash mismatch for dump", b"Out of memory":
+            forge_dump(self.path("d"), [(MIB, 3, b"abc")], device=name)
+            for options in [], ["-v"]:
+                for command in ["verify", "d"], ["extract", "--force", "d", "t"], ["diff", "--raw", "d", "t"]:
+                    with self.subTest(name, command=command, options=options):
+                        output, error = self.kab(*options, *command)
+                        self.assertEqual([c for c in output.decode() + error if c < " " and c != "\n" or c == "\x7f"], [])
 
     def test_target_size_that_cannot_be(self):
         forge_dump(self.path("d"), [], disk_size=2**63)

@@ -34,9 +34,11 @@ uint32_t MountState(const KABDiskCtx& ctx) {
 void CheckTable(Check& check) {
   const KABDiskCtx& ssd = *check.group.ssd();
   if (ssd.meta[kTypeAt] == kType11) return;
+  bool empty = true;
   for (size_t slot = 0; slot < KAB_DISKS_PER_GROUP; ++slot) {
     const uint8_t* uuid = ssd.meta + kTableAt + 16 * slot;
     if (IsZero(uuid)) continue;
+    empty = false;
     for (size_t other = 0; other < slot; ++other) {
       if (std::memcmp(uuid, ssd.meta + kTableAt + 16 * other, 16) == 0) {
         check.Damage("META-SLOT-TWICE", ssd, kMetaOffset + kTableAt + 16 * slot,
@@ -48,6 +50,9 @@ void CheckTable(Check& check) {
                  fmt::format("the disk of slot {}, {}, was not given", slot, UuidText(uuid)));
       check.complete = false;
     }
+  }
+  if (empty) {
+    check.Warn("META-TABLE-EMPTY", ssd, kMetaOffset + kTableAt, "the table names no disk: is this the group's SSD?");
   }
 }
 

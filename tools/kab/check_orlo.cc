@@ -2,10 +2,13 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
+#include <set>
 #include <vector>
 
 #include "check.h"
 #include "check_map.h"
+#include "dump_file.h"
 #include "kab/orlo.h"
 #include "kab/zolt.h"
 #include "load.h"
@@ -16,6 +19,10 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
+constexpr uint64_t kRegistryEntriesAt = 52;
+constexpr uint64_t kBytesPerName = 128;  // what one of a set takes
+constexpr char kMagic[] = "OLRO";
+constexpr size_t kMagicSize = 4;
 
 class DiskCheck {
  public:
@@ -24,7 +31,14 @@ class DiskCheck {
   void Run() {
     LineTrap trap;
     uint8_t blk0[ORLO_BLOCK0_SIZE];
-    if (OrloReadBlock0(disk_, blk0, nullptr) != KAB_OK || OrloCheckBlock0(disk_, blk0) != KAB_OK) {
+    const bool readable = OrloReadBlock0(disk_, blk0, nullptr) == KAB_OK;
+    // The library's line about the magic would quote the disk's bytes as a text.
+    const bool magic = !readable || std::memcmp(blk0, kMagic, kMagicSize) == 0;
+    if (!magic) {
+      check_.Damage("ORLO-BLOCK0", *disk_, disk_->dataOffset, "block 0 has a wrong magic",
+                    HexText(reinterpret_cast<const uint8_t*>(kMagic), kMagicSize), HexText(blk0, kMagicSize));
+    }
+    if (!readable || !magic || OrloCheckBlock0(disk_, blk0) != KAB_OK) {
       check_.TakeLines(trap, "ORLO-BLOCK0", *disk_, disk_->dataOffset);
       check_.complete = false;
       return;
@@ -54,6 +68,7 @@ class DiskCheck {
                       uint64_t{registry.entries} * ORLO_SUPERBLOCK_SIZE);
     const uint32_t status = ForEachVdisk(disk_, registry, [&](const Vdisk& vdisk) {
       StopIfInterrupted();
+      CheckName(vdisk, registry, seen);
       ++seen;
       if (vdisk.present) CheckVdisk(vdisk, trap);
       progress.Add(ORLO_SUPERBLOCK_SIZE);
@@ -68,9 +83,19 @@ class DiskCheck {
   }
 
  private:
+  // Of two entries with one UUID a look-up finds the first alone.
+  void CheckName(const Vdisk& vdisk, const Registry& registry, uint64_t index) {
+    if (names_.size() >= check_.memory / kBytesPerName || names_.insert(vdisk.uuid).second) return;
+    const uint64_t size = FormatVersion(*disk_) == 6 ? ORLO_VDISK_ENTRY_SIZE_V6 : ORLO_VDISK_ENTRY_SIZE;
+    check_.Damage("ORLO-REGISTRY-TWICE", *disk_,
+                  disk_->dataOffset + registry.offset + kRegistryEntriesAt + index * size,
+                  fmt::format("the registry lists component {} twice", vdisk.uuid));
+  }
+
   void CheckVdisk(const Vdisk& vdisk, LineTrap& trap) {
     if (map_.walks()) map_.CheckTree(vdisk);
-    superblock_.resize(ORLO_SUPERBLOCK_SIZE);
+    // What the map does not place reads as zeros, never as the superblock before.
+    superblock_.assign(ORLO_SUPERBLOCK_SIZE, 0);
     if (OrloReadWriteComponentSuperBlock(disk_, vdisk.mapBlock, superblock_.data(), 1) != KAB_OK ||
         KABIsZOLTCompSblkValid(superblock_.data()) == 0) {
       check_.Damage(
@@ -83,6 +108,7 @@ class DiskCheck {
   KABDiskCtx* disk_;
   MapCheck map_;
   std::vector<uint8_t> superblock_;
+  std::set<std::string> names_;
 };
 
 }  // namespace

@@ -43,7 +43,9 @@ void CheckSuperblockCopy(Check& check, KABDiskCtx* disk, LineTrap& trap) {
   trap.Take(disk->uuidText);
   DDPCompareSuperBlks(disk);
   const std::vector<std::string> lines = trap.Take(disk->uuidText);
-  for (const std::string& line : lines) check.Warn("DDP-SUPERBLOCK-COPY", *disk, at, line);
+  // A spoilt superblock names any place for its copy.
+  const auto place = at < disk->diskSize ? std::optional(at) : std::nullopt;
+  for (const std::string& line : lines) check.Warn("DDP-SUPERBLOCK-COPY", *disk, place, line);
   // The library compares what it uses; a copy is one to the last byte.
   if (!lines.empty() || !readable || std::memcmp(primary, copy, sizeof copy) == 0) return;
   const auto differs = static_cast<uint64_t>(std::mismatch(copy, copy + sizeof copy, primary).first - copy);

@@ -320,7 +320,10 @@ Exit Run(Tool& tool, Options options) {
   }
   if (options.ranges.empty() && !options.log && options.components.empty()) options.metadata = true;
   RefuseInput(options.out, options.group.Paths());
-  if (!options.allDisks) RefuseExisting(options.out, options.force);
+  if (!options.allDisks) {
+    RefuseSpecial(options.out);
+    RefuseExisting(options.out, options.force);
+  }
   Group group(tool, options.group);
   DumpPlan plan(tool, group);
   FillPlan(plan, group, options);

@@ -18,10 +18,8 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
-constexpr uint32_t kMaxLines = 20;  // of what is not in the dump: a broken map has more to tell
-constexpr uint64_t kRecordMagic = 0xCAFEF00D08142007;
-constexpr size_t kMagicAt = 4;  // in the checkpoint record
-constexpr size_t kWriteBufferStartAt = 20;
+constexpr uint32_t kMaxLines = 20;          // of what is not in the dump: a broken map has more to tell
+constexpr size_t kWriteBufferStartAt = 20;  // in the checkpoint record
 constexpr uint64_t kDedupArea = 0x300000;
 constexpr size_t kDataStartAt = 164;  // in the dedup superblock, both in blocks
 constexpr size_t kExpansionSizeAt = 261;
@@ -30,15 +28,6 @@ uint64_t Word(const uint8_t* bytes) {
   uint64_t value;
   std::memcpy(&value, bytes, sizeof value);
   return value;
-}
-
-// An SSD that never had a log is no damage; one whose records are both spoilt, or cannot be read, is.
-bool HadLog(KABDiskCtx* ssd) {
-  for (uint64_t copy = 0; copy < 2; ++copy) {
-    uint8_t block[kBlock];
-    if (KABReadSSDLOGBlk(ssd, copy, block, nullptr) != KAB_OK || Word(block + kMagicAt) == kRecordMagic) return true;
-  }
-  return false;
 }
 
 bool HasDedupLayer(const KABDiskCtx& disk) { return disk.dedupCtx.superBlk != nullptr; }

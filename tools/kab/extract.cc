@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "commands.h"
 #include "dump_file.h"
@@ -27,6 +28,9 @@ constexpr const char* kDetails =
     "its name when all of them are whole.\n\n"
     "The dump is verified first, before anything is written. With --no-verify it is read once only; a digest that\n"
     "turns out wrong still keeps a new image from appearing.\n\n"
+    "A dump holds the data of an encrypted disk in clear, and it is written as it is. Onto a disk that says it is\n"
+    "encrypted that is refused unless --force is given; an image that says so afterwards is warned of: readers would\n"
+    "decipher it once more.\n\n"
     "Exit status: 0; 6 when the digest does not match; 4 when the dump is broken or unfinished.\n\n"
     "Examples:\n"
     "  kab extract disk0.kabdump disk0-copy.img\n"
@@ -74,6 +78,34 @@ DumpFile::Sink WriteTo(int fd) {
   return [fd](const void* data, uint32_t length, uint64_t offset) {
     return KABDiskWrite(static_cast<uint32_t>(fd), data, length, static_cast<int64_t>(offset)) == KAB_OK;
   };
+}
+
+// Where the flag lies by which a disk says that its data is encrypted.
+struct Flag {
+  off_t at;
+  unsigned bit;
+};
+
+// No flag when the disk does not say so.
+std::optional<Flag> EncryptedFlag(const std::string& path) {
+  constexpr off_t kTypeAt = 1048584;
+  constexpr uint8_t kType11 = 11;
+  constexpr Flag kFlag11 = {1048585, 3};
+  constexpr Flag kFlag = {1049608, 0};
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  uint8_t type = 0;
+  uint8_t flags = 0;
+  if (pread(file.get(), &type, 1, kTypeAt) != 1) return {};
+  const Flag flag = type == kType11 ? kFlag11 : kFlag;
+  if (pread(file.get(), &flags, 1, flag.at) != 1 || (flags >> flag.bit & 1) == 0) return {};
+  return flag;
+}
+
+void WarnIfEncrypted(Tool& tool, const std::string& path) {
+  const std::optional<Flag> flag = EncryptedFlag(path);
+  if (!flag) return;
+  tool.Note(fmt::format("kab: warning: {} is in clear, yet says that it is encrypted (bit {} of byte {})", path,
+                        flag->bit, flag->at));
 }
 
 using Replay = std::function<Verdict(const DumpFile::Sink& sink)>;
@@ -131,6 +163,11 @@ Exit ExtractFile(Tool& tool, const Options& options) {
   }
   if (options.inPlace && !exists) throw Failure(Exit::kUsage, fmt::format("{}: no such target", options.target));
   const bool inPlace = options.inPlace || (device && options.force);
+  if (inPlace && !options.force && EncryptedFlag(options.target)) {
+    throw Failure(Exit::kUsage,
+                  fmt::format("{} says that it is encrypted, and a dump is in clear; --force writes it all the same",
+                              options.target));
+  }
   if (!inPlace) {
     if (exists && !options.force) {
       throw Failure(Exit::kUsage,
@@ -144,6 +181,7 @@ Exit ExtractFile(Tool& tool, const Options& options) {
     Require(dump.Replay(tool, "verify", {}), options.dump, fmt::format("{} was not touched", options.target));
   }
   const Verdict verdict = inPlace ? ExtractInPlace(tool, options, dump) : ExtractNew(tool, options, dump);
+  WarnIfEncrypted(tool, options.target);
 
   if (tool.json) {
     Json object = Tool::Header("extract");
@@ -216,6 +254,7 @@ Exit ExtractSet(Tool& tool, const Options& options) {
   });
   Synchronise(pending.name());
   pending.Commit();
+  for (const Json& image : images) WarnIfEncrypted(tool, image["target"].get<std::string>());
   if (tool.json) {
     Json object = Tool::Header("extract");
     object["dump"] = options.dump;
@@ -244,7 +283,8 @@ void AddExtract(CLI::App& app, Tool& tool) {
       ->add_option("TARGET", options->target, "the image or folder to make, or with --in-place the disk to write onto")
       ->required();
   command->add_flag("--no-verify", options->noVerify, "do not read the dump once before writing");
-  command->add_flag("-f,--force", options->force, "replace an existing image; write onto a device");
+  command->add_flag("-f,--force", options->force,
+                    "replace an existing image; write onto a device, or onto a disk that says it is encrypted");
   command->add_flag("--in-place", options->inPlace, "write onto what TARGET holds, keeping the rest of it");
 }
 

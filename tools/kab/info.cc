@@ -12,6 +12,7 @@
 #include "group.h"
 #include "kab/ssdlog.h"
 #include "load.h"
+#include "log_walk.h"
 #include "orlo_registry.h"
 #include "progress.h"
 
@@ -116,7 +117,11 @@ class Gaps {
 Json LogJson(KABDiskCtx* ssd, Gaps& gaps) {
   LineTrap trap;
   const uint32_t status = KABSSDLOGGetValidCheckPointRecord(ssd);
-  if (status == KAB_IO_ERROR) gaps.Add("cannot read the checkpoint records", *ssd, trap);
+  if (status == KAB_IO_ERROR) {
+    gaps.Add("cannot read the checkpoint records", *ssd, trap);
+  } else if (status != KAB_OK && HadLog(ssd)) {
+    gaps.Add("cannot use the checkpoint records", *ssd, trap);
+  }
   if (status != KAB_OK) return nullptr;
   const uint8_t* record = ssd->logState->checkpoint;
   const auto number = [record](size_t at) { return Json(Load<uint64_t>(record + at)); };

@@ -13,6 +13,8 @@ namespace tool {
 namespace {
 
 constexpr uint64_t kBlock = 4096;
+constexpr uint64_t kRecordMagic = 0xCAFEF00D08142007;
+constexpr size_t kMagicAt = 4;  // in the checkpoint record
 constexpr size_t kWriteBufferLengthAt = 28;
 constexpr size_t kEntryCountAt = 12;
 constexpr uint32_t kEntriesAt = 64;
@@ -30,6 +32,16 @@ std::string EndReason(KABDiskCtx* ssd, const uint8_t* block) {
 }
 
 }  // namespace
+
+bool HadLog(KABDiskCtx* ssd) {
+  for (uint64_t copy = 0; copy < 2; ++copy) {
+    uint8_t block[kBlock];
+    if (KABReadSSDLOGBlk(ssd, copy, block, nullptr) != KAB_OK || Load<uint64_t>(block + kMagicAt) == kRecordMagic) {
+      return true;
+    }
+  }
+  return false;
+}
 
 LogEnd WalkLog(KABDiskCtx* ssd, LogKind kind, const TakeBlock& take) {
   const auto next = kind == LogKind::kPlog ? KABSSDLOGPlogReadNext : KABSSDLOGLlogReadNext;

@@ -23,6 +23,10 @@ struct LogEnd {
   bool cycle = false;                // the chain returned to blocks already walked
 };
 
+/// Of an SSD without a valid checkpoint record: one that never had a log is no damage; one whose records are both
+/// spoilt, or cannot be read, is.
+bool HadLog(KABDiskCtx* ssd);
+
 /// Called for every block with its byte offset and that of the block before it, 0 for the first.
 using TakeBlock = std::function<void(const uint8_t* block, uint64_t offset, uint64_t previous)>;
 

@@ -102,11 +102,13 @@ int Main(int argc, char** argv) {
   tool.log.Quiet(tool.quiet);
   KABInit(0, tool.log.stream());
   Exit code = Exit::kError;
+  std::string told;
   try {
     code = tool.run();
     if (code == Exit::kMemory) tool.log.Line("kab: out of memory");
   } catch (const Failure& failure) {
     code = failure.code();
+    told = failure.what();
     if (*failure.what() != '\0') tool.log.Line(fmt::format("kab: {}", failure.what()));
   } catch (const std::bad_alloc&) {
     code = Exit::kMemory;
@@ -116,7 +118,8 @@ int Main(int argc, char** argv) {
   }
   if (tool.log.lackedMemory()) code = Exit::kMemory;  // whatever was made of it
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    if (errno != EPIPE) tool.log.Line(fmt::format("kab: {}", SystemFailure("stdout", errno).what()));
+    const std::string reason = errno != EPIPE ? SystemFailure("stdout", errno).what() : told;
+    if (reason != told) tool.log.Line(fmt::format("kab: {}", reason));
     code = Worse(code, Exit::kError);
   }
   return static_cast<int>(code);

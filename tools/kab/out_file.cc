@@ -26,6 +26,13 @@ void RefuseExisting(const std::string& path, bool force) {
     throw Failure(Exit::kUsage, fmt::format("{} exists; --force replaces it", path));
 }
 
+void RefuseSpecial(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    throw Failure(Exit::kUsage, fmt::format("{}: neither new nor a regular file", path));
+  }
+}
+
 void Synchronise(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw SystemFailure(path, errno);
@@ -49,6 +56,7 @@ void RefuseInput(const std::string& output, const std::vector<std::string>& inpu
 PendingName::PendingName(std::string path, bool force)
     : path_(std::move(path)), name_(fmt::format("{}.kab-{}", path_, getpid())), force_(force) {
   RefuseExisting(path_, force_);
+  RefuseSpecial(path_);
   if (Exists(name_)) throw Failure(Exit::kError, fmt::format("{} is in the way", name_));
 }
 

@@ -11,7 +11,7 @@ namespace tool {
 /// A name beside `path` that becomes `path` at Commit; without that, the file or folder under it is removed.
 class PendingName {
  public:
-  /// A usage failure when `path` exists and `force` is not set.
+  /// A usage failure when `path` exists and `force` is not set, or is no file: a device's name is never taken from it.
   PendingName(std::string path, bool force);
   ~PendingName();
   PendingName(const PendingName&) = delete;
@@ -29,6 +29,8 @@ class PendingName {
 
 /// Fails when `path` exists and something would be lost by writing there, unless `force`.
 void RefuseExisting(const std::string& path, bool force);
+/// Fails when `path` is there and is not a regular file: a folder, a device, a pipe.
+void RefuseSpecial(const std::string& path);
 bool Exists(const std::string& path);
 /// Brings a file, or the names in a folder, to stable storage.
 void Synchronise(const std::string& path);

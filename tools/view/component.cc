@@ -1,8 +1,7 @@
 #include "component.h"
 
 #include <fmt/format.h>
-
-#include <algorithm>
+#include <strings.h>
 
 #include "failure.h"
 #include "kab/ssdlog.h"
@@ -45,9 +44,13 @@ Component FindComponent(DiskGroup& group, const std::string& uuid) {
   std::string unsearched;
   const std::vector<Component> all = FindComponents(
       group, [&unsearched](const KABDiskCtx& disk) { unsearched += fmt::format(", {}", disk.uuidText); });
-  const auto found =
-      std::find_if(all.rbegin(), all.rend(), [&uuid](const Component& one) { return one.vdisk.uuid == uuid; });
-  if (found != all.rend()) return *found;
+  // As the library finds it: the disk of the highest slot that lists it counts, and of that disk the first entry.
+  const Component* found = nullptr;
+  for (const Component& one : all) {
+    if (strcasecmp(one.vdisk.uuid.c_str(), uuid.c_str()) != 0) continue;
+    if (found == nullptr || one.disk->devIdx > found->disk->devIdx) found = &one;
+  }
+  if (found != nullptr) return *found;
   if (unsearched.empty()) throw Failure(Exit::kNotOurs, fmt::format("no component {}", uuid));
   throw Failure(Exit::kDamageIncomplete,
                 fmt::format("no component {}; cannot read the registry of disk {}", uuid, unsearched.substr(2)));

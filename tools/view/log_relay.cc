@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -40,9 +41,13 @@ void LogRelay::Line(std::string_view line) {
     taker_(std::string(line));
     return;
   }
+  // A line may quote what a disk or a dump holds: none of that is to be obeyed by a terminal.
+  std::string text(line);
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
   const std::string bar = bar_;
   Bar({});
-  std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+  std::fprintf(stderr, "%s\n", text.c_str());
   Bar(bar);
 }
 
@@ -70,6 +75,11 @@ void LogRelay::Take(std::string_view text) {
 }
 
 void LogRelay::TakeLine(std::string_view line) {
+  // A dump's own name for its device stands in it, and must not pass for what the library tells.
+  if (Has(line, "Extracting chunk number")) {
+    if (all_ && !quiet_) Line(line);
+    return;
+  }
   if (Has(line, "is not unmounted") || Has(line, "is not part of given diskgroup") ||
       Has(line, "Too many open disk requests") || Has(line, "is already open in this diskgroup") ||
       (Has(line, "Error: Failed to open d") && Has(line, "Device or resource busy"))) {
@@ -81,8 +91,6 @@ void LogRelay::TakeLine(std::string_view line) {
   if (Has(line, "MetaError:")) metaErrors_++;
   if (Has(line, "Error:")) lastError_ = line;
 
-  const bool chatter = Has(line, "Extracting chunk number");
-  if (chatter && !all_) return;
   if (quiet_ && !Has(line, "Error:")) return;
   Line(line);
 }
