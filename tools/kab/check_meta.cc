@@ -47,7 +47,7 @@ void CheckTable(Check& check) {
     }
     if (ssd.disks[slot] == nullptr) {
       check.Warn("META-DISK-MISSING", ssd, kMetaOffset + kTableAt + 16 * slot,
-                 fmt::format("the disk of slot {}, {}, was not given", slot, UuidText(uuid)));
+                 fmt::format("the disk of slot {}, {}, was not given or did not open", slot, UuidText(uuid)));
       check.complete = false;
     }
   }

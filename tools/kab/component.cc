@@ -19,10 +19,10 @@ namespace {
 
 constexpr const char* kDetails =
     "Works on the components of Orlo disks (format versions 6 and 7), after a replay of the log:\n\n"
-    "  list          every component that a registry names: disk, allocated bytes, whether its superblock is valid\n"
-    "  info UUID     one of them\n"
-    "  map UUID      its extents: logical offset, length, and the byte offset on the disk, or hole\n"
-    "  read UUID     its bytes from the superblock on, to a file (sparse) or, with -o -, to stdout\n\n"
+    "  list   every component that a registry names: disk, allocated bytes, whether its superblock is valid\n"
+    "  info   one of them, by --uuid\n"
+    "  map    its extents: logical offset, length, and the byte offset on the disk, or hole\n"
+    "  read   its bytes from the superblock on, to a file (sparse) or, with -o -, to stdout\n\n"
     "Offsets are bytes of the component's address space, its 4 MiB superblock area included.\n\n"
     "Examples:\n"
     "  kab component list ssd.img disk0.img\n"
