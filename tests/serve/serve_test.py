@@ -83,6 +83,7 @@ class ServeCase(unittest.TestCase):
     def start(self, *arguments, folder=None, preload=(), **environment):
         return subprocess.Popen([KAB, "serve", *self.keys(), *arguments, *self.paths(folder)], cwd=self.work,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_DFL),  # whatever nohup did
                                 env={**os.environ, **self.preload(preload), **environment})
 
     @staticmethod
@@ -223,7 +224,7 @@ class Disk(ServeCase):
         self.assertTrue(before == [read_file(path) for path in self.paths()])
 
     def test_a_signal_stops_it_whatever_clients_do(self):
-        for by in signal.SIGINT, signal.SIGTERM:
+        for by in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
             with self.serve("--disk", "0", by=by):
                 self.assertEqual(stat.S_IMODE(os.stat(self.socket).st_mode), 0o600)
                 idle = socket.socket(socket.AF_UNIX)
