@@ -34,7 +34,10 @@ configure_file(cmake/kab.pc.in ${PROJECT_BINARY_DIR}/kab.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kab.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
 install(FILES docs/man/kab-dump.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT tool)
-install(FILES README.md docs/architecture.md docs/formats.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+# In the places that they have in the source, so that links from one to another lead somewhere.
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.json" PATTERN "man" EXCLUDE)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY python/kab DESTINATION ${KAB_PYTHON_DIR} COMPONENT python
   FILES_MATCHING PATTERN "*.py" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)

@@ -80,7 +80,7 @@ def _checkpoints(ssd: Disk) -> Iterator[Finding]:
 def _log(ssd: Disk) -> Iterator[Finding]:
     ctx = ctx_of(ssd)
     previous = 0
-    for block, offset in blocks(ctx):
+    for block, offset in blocks(ssd):
         valid, lines = _native.call("KABSSDLOGCheckLogBlkHdr", ctx, block, previous, _PLOG)
         if not valid and int.from_bytes(block[16:24], "little") != _NO_BLOCK:
             yield from _lines("LOG-BLOCK", ssd, offset, lines or ("the block has an invalid header",))

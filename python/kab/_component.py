@@ -12,26 +12,29 @@ from ._disk import ctx_of
 from ._native import Status
 
 if TYPE_CHECKING:
-    from ._disk import Group
+    from ._disk import Disk, Group
 
 _BLOCK = 4096
 _BITMAP_BITS = 0x3FC0000
 _FIRST_BLOCK = 1024  # the bitmap's bit 0
 _PIECE = 1 << 24
+_END = 1 << 63
 
 
 class Component:
-    """One component, opened by Group.component; closed with its group at the latest."""
+    """One component, opened by Group.component; closed with its disk or its group at the latest."""
 
     def __init__(self, group: Group, uuid: str) -> None:
         ssd = ctx_of(group.ssd)
         # An SSD whose logical log holds entries is refused here: its newest data could not be read.
         _native.check("replaying the logical log", "KABSSDLOGRecovLlogLog", ssd)
         what = f"opening component {uuid}"
-        self._handle: Optional[int] = _native.make(
-            what, Status.NOT_FOUND, "OrloOpenComponent", ssd, uuid.encode("ascii", "replace")
-        )
+        handle: int = _native.make(what, Status.NOT_FOUND, "OrloOpenComponent", ssd, uuid.encode("ascii", "replace"))
+        self._handle: Optional[int] = handle
         self.uuid = uuid
+        lies_on = _native.OrloComponent.from_address(handle).disk
+        self._disk: Disk = next(disk for disk in group.disks if disk._address() == lies_on)
+        self._disk._components.append(self)
         # Component data begins behind the reserve that the group's format version keeps.
         self._start = 4 << 20 if group.ssd.format_version else 2 << 20
 
@@ -45,6 +48,8 @@ class Component:
             raise ValueError("the component is closed")
         if offset < 0 or length < 0:
             raise ValueError("offset and length count from 0")
+        if offset + length > _END - self._start:
+            raise ValueError("a component ends before 2^63 bytes")
         result = bytearray()
         while length:
             # The map is searched in whole blocks.
@@ -97,6 +102,7 @@ class Component:
         if self._handle is not None:
             _native.call("OrloCloseComponent", self._handle)
             self._handle = None
+            self._disk._components.remove(self)
 
     def __enter__(self) -> Component:
         return self

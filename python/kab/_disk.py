@@ -20,10 +20,22 @@ Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 #: The most that one call of the library is asked to move.
 _PIECE = 1 << 30
 
+_BLOCK = 4096
+_MAP_ENTRIES = 225  # a block of the translation map; each stands for a block of the disk
+_MOST_MAP_BLOCKS = ((1 << 63) - 1) // (_MAP_ENTRIES * _BLOCK) // 2  # a hostile superblock may name more
+
 
 def _writable(buffer: Any, length: int) -> Any:
     """`buffer` as an argument of the library."""
     return (ctypes.c_char * length).from_buffer(buffer)
+
+
+def encode_path(path: Path) -> bytes:
+    """A path as the library takes it; ValueError for one with a NUL, before which the library's name would end."""
+    encoded = os.fsencode(path)
+    if b"\0" in encoded:
+        raise ValueError("a path with a NUL character")
+    return encoded
 
 
 class Disk:
@@ -35,11 +47,15 @@ class Disk:
     def __init__(self, ctx: Any, path: bytes) -> None:
         self._ctx: Any = ctx
         self._path = path  # the library keeps a pointer to these bytes
+        self._components: list[Component] = []  # those that lie on it
 
     def _open(self) -> Any:
         if self._ctx is None:
             raise ValueError("the disk is closed")
         return self._ctx
+
+    def _address(self) -> Optional[int]:
+        return ctypes.cast(self._ctx, ctypes.c_void_p).value if self._ctx else None
 
     @property
     def path(self) -> str:
@@ -127,23 +143,35 @@ class Disk:
 
         Args:
             group_view: False gives the whole device, byte 0 being its first. True gives the data area of a capacity
-                disk as its group sees it, the newest data coming from the SSD's log and packed blocks unpacked; byte
-                0 is the first of the data area. The group must have been replayed.
+                disk as its group sees it, the newest data coming from the SSD's log; byte 0 is the first of the data
+                area. Of a disk with the dedup layer these are the logical bytes, unpacked, as many as its map has
+                room for. The group must have been replayed.
         """
         if not group_view:
             return io.BufferedReader(_DiskFile(self._read_into, self.size), 1 << 16)
         if self._open().contents.group is None:
             raise ValueError("only a capacity disk of a group has a group's view")
-        return io.BufferedReader(_DiskFile(self._read_group_view_into, self.usable_size), 1 << 16)
+        return io.BufferedReader(_DiskFile(self._read_group_view_into, self._group_view_size()), 1 << 16)
+
+    def _group_view_size(self) -> int:
+        if self.dedup_mode not in (1, 2):
+            return self.usable_size
+        block = ctypes.create_string_buffer(_BLOCK)
+        _native.check(f"reading the superblock of {self.path}", "DDPReadSuperBlk", self._open(), block, None)
+        map_blocks = int.from_bytes(block.raw[156:164], "little")
+        expansion = int.from_bytes(block.raw[261:269], "little") // 2
+        return (min(map_blocks, _MOST_MAP_BLOCKS) + min(expansion, _MOST_MAP_BLOCKS)) * _MAP_ENTRIES * _BLOCK
 
     def close(self) -> None:
-        """Closes the disk; closing it again does nothing.
+        """Closes the disk and the components that lie on it; closing it again does nothing.
 
         Raises:
             KabError: for an SSD that still has disks attached; it stays usable.
         """
         if self._ctx is None:
             return
+        for component in self._components[:]:
+            component.close()
         _native.check(f"closing {self.path}", "KABCloseDisk", self._ctx)
         _native.free(ctypes.cast(self._ctx, ctypes.c_void_p).value)
         self._ctx = None
@@ -209,7 +237,7 @@ def open_disk(path: Path, *, skip_unmount_check: bool = False) -> Disk:
     Raises:
         KabError: with the library's reasons in `messages`.
     """
-    encoded = os.fsencode(path)
+    encoded = encode_path(path)
     ctx = _native.make(
         f"opening {os.fsdecode(encoded)}",
         Status.OPEN_FAILED,
@@ -242,16 +270,15 @@ class Group:
 
     def __init__(self, ssd: Path, disks: Sequence[Path] = (), *, skip_unmount_check: bool = False) -> None:
         self.disks: list[Disk] = []
-        self._components: list[Component] = []
         self._replayed = False
-        encoded = os.fsencode(ssd)
+        encoded = encode_path(ssd)
         what = f"opening {os.fsdecode(encoded)}"
         skip = int(skip_unmount_check)
         ctx = _native.make(what, Status.OPEN_FAILED, "KABOpenSSD", encoded, os.O_RDONLY, skip)
         self.ssd = Disk(ctx, encoded)
         try:
             for path in disks:
-                encoded = os.fsencode(path)
+                encoded = encode_path(path)
                 what = f"opening {os.fsdecode(encoded)}"
                 ctx = _native.make(what, Status.OPEN_FAILED, "KABOpenDisk", encoded, os.O_RDONLY, ctx_of(self.ssd), skip)
                 self.disks.append(Disk(ctx, encoded))
@@ -265,9 +292,9 @@ class Group:
         Raises:
             KabError: NO_CHECKPOINT or BLOCK_INVALID without a usable checkpoint record; others for a broken log.
         """
+        ssd = ctx_of(self.ssd)
         if self._replayed:
             return
-        ssd = ctx_of(self.ssd)
         _native.check("choosing a checkpoint record", "KABSSDLOGGetValidCheckPointRecord", ssd)
         _native.check("replaying the log", "KABSSDLOGRecovPlogLog", ssd)
         self._replayed = True
@@ -280,7 +307,8 @@ class Group:
         """
         from ._log import entries
 
-        return entries(ctx_of(self.ssd))
+        ctx_of(self.ssd)  # a closed group is told here, not at the first entry
+        return entries(self.ssd)
 
     def component(self, uuid: str) -> Component:
         """Opens a component of the group; replays the log first where that has not been done.
@@ -291,14 +319,10 @@ class Group:
         from ._component import Component
 
         self.replay()
-        component = Component(self, uuid)
-        self._components.append(component)
-        return component
+        return Component(self, uuid)
 
     def close(self) -> None:
         """Closes components, capacity disks and SSD, in this order. Closing again does nothing."""
-        for component in self._components:
-            component.close()
         for disk in self.disks:
             disk.close()
         self.ssd.close()

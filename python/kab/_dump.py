@@ -11,7 +11,7 @@ from types import TracebackType
 from typing import Callable, Optional
 
 from . import _native
-from ._disk import Disk, Path, _check_range, ctx_of
+from ._disk import Disk, Path, _check_range, ctx_of, encode_path
 from ._native import DumpCtx, ExtractWrite, KabError, Status
 
 MAGIC = 0xCC0000CC
@@ -88,8 +88,8 @@ class DumpWriter:
             f"creating {self._name}",
             Status.CREATE_FAILED,
             "KABInitDumpFile",
-            os.fsencode(path),
-            os.fsencode(disk.path),
+            encode_path(path),
+            encode_path(disk.path),
             disk.size,
         )
 

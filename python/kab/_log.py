@@ -5,10 +5,13 @@ from __future__ import annotations
 import ctypes
 import struct
 from dataclasses import dataclass
-from typing import Any, Iterator, Optional
+from typing import TYPE_CHECKING, Iterator, Optional
 
 from . import _native
 from ._native import KabError, Status
+
+if TYPE_CHECKING:
+    from ._disk import Disk
 
 _BLOCK = 4096
 _HEADER = 64
@@ -48,15 +51,16 @@ def uuid_text(raw: bytes) -> str:
     return "-".join((digits[:8], digits[8:12], digits[12:16], digits[16:20], digits[20:]))
 
 
-def blocks(ssd: Any) -> Iterator[tuple[bytes, int]]:
+def blocks(ssd: Disk) -> Iterator[tuple[bytes, int]]:
     """The blocks of the physical log and their byte offsets on the SSD, oldest first."""
-    _native.check("choosing a checkpoint record", "KABSSDLOGGetValidCheckPointRecord", ssd)
+    # Asked for its context before every call: between two blocks the caller may close the disk.
+    _native.check("choosing a checkpoint record", "KABSSDLOGGetValidCheckPointRecord", ssd._open())
     current = None
     seen: set[int] = set()
     while True:
         block = ctypes.create_string_buffer(_BLOCK)
         offset = ctypes.c_uint64()
-        status, lines = _native.call("KABSSDLOGPlogReadNext", ssd, current, block, ctypes.byref(offset))
+        status, lines = _native.call("KABSSDLOGPlogReadNext", ssd._open(), current, block, ctypes.byref(offset))
         if status == Status.END_OF_LOG:
             return
         if status != Status.OK:
@@ -68,7 +72,7 @@ def blocks(ssd: Any) -> Iterator[tuple[bytes, int]]:
         current = block
 
 
-def entries(ssd: Any) -> Iterator[LogEntry]:
+def entries(ssd: Disk) -> Iterator[LogEntry]:
     """See Group.log_entries."""
     for block, offset in blocks(ssd):
         yield from block_entries(block, offset)

@@ -84,6 +84,15 @@ assert DiskCtx.uuid_text.offset == 8 and DiskCtx.path.offset == 88 and DiskCtx.d
 assert DiskCtx.meta_offset.offset == 192 and DiskCtx.meta.offset == 208 and DiskCtx.encrypted.offset == 4304
 
 
+class OrloComponent(ctypes.Structure):
+    """The first fields of an opened component."""
+
+    _fields_ = [("uuid_text", c_char * 37), ("disk", c_void_p)]
+
+
+assert OrloComponent.disk.offset == 40
+
+
 class DumpCtx(ctypes.Structure):
     """A dump being written."""
 
@@ -127,6 +136,7 @@ _PROTOTYPES: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "KABSSDLOGCheckPlogLogEntry": (c_uint32, (DiskPtr, c_char_p)),
     "KABSSDLOGCheckAllocMap": (c_uint32, (DiskPtr, c_char_p)),
     "KABPlogRead": (c_uint32, (DiskPtr, c_void_p, c_uint32, c_uint64)),
+    "DDPReadSuperBlk": (c_uint32, (DiskPtr, c_void_p, c_void_p)),
     "DDPValidateSuperBlk": (c_uint32, (DiskPtr, POINTER(c_uint8))),
     "OrloReadBlock0": (c_uint32, (DiskPtr, c_void_p, c_void_p)),
     "OrloCheckBlock0": (c_uint32, (DiskPtr, c_void_p)),

@@ -122,7 +122,7 @@ class Cli(unittest.TestCase):
             (["--key-file", "0-0=x", "info", *group], "not of the form UUID=FILE"),
             (["sample", "--disks", "8", "new"], "at most 7"),
             (["sample", "--encrypt", "2", "new"], "no such disk"),
-            (["sample", "--layout", "x", "new"], "no such layout"),
+            (["sample", "--layout", "x", "new"], "x not in {plain,dedup,"),
             (["sample", "--disk-size", "3162624", "new"], "more than 3162624"),
             (["sample", "group"], "exists; --force replaces it"),
         ]:

@@ -172,6 +172,7 @@ class Shell:
         self.offers("kab --progress ", "auto", "json", "none")
         self.offers("kab dump --progress j", "json")
         self.offers("kab log --only ", "llog", "plog")
+        self.offers("kab sample --layout ", "compress", "dedup", "log", "orlo", "orlo-log", "plain")
         self.offers("kab component ", "info", "list", "map", "read")
         self.offers("kab component --uuid x l", "list")
         self.offers("kab completion ", "bash", "fish", "zsh")

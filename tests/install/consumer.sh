@@ -68,6 +68,13 @@ for file in share/man/man1/kab.1 share/man/man1/kab-dump.1 share/bash-completion
   [ -s "$prefix/$file" ] || fail "$file was not installed"
 done
 
+# What the documents that were installed show and name among docs/ was installed too.
+readme=$(find "$prefix" -path '*/doc/kab/README.md')
+for link in $(grep -oE '\]\(docs/[^)#]+\.(md|svg|json)' "$readme" | cut -c3- | sort -u); do
+  [ -s "$(dirname "$readme")/$link" ] || fail "README.md leads to $link, which was not installed"
+done
+[ -n "${link:-}" ] || fail "README.md has no links"
+
 # The Python example, with the package and the library that were installed. An interpreter that knows nothing of the
 # sanitizers cannot load a library that was built with them.
 if [ -z "${CFLAGS:-}" ]; then

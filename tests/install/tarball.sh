@@ -28,7 +28,9 @@ lib[^ ]*/libkab\.so(\.0|\.[0-9.]+)?
 lib[^ ]*/cmake/kab/kab-(config|config-version|targets|targets-[a-z]+)\.cmake
 lib[^ ]*/pkgconfig/kab\.pc
 lib/python3/dist-packages/kab/(py\.typed|[a-z_]+\.py)
-share/doc/kab/[a-z-]+\.md
+share/doc/kab/docs/[a-z-]+\.md
+share/doc/kab/docs/images/[a-z]+\.svg
+share/doc/kab/docs/schema/.*
 share/doc/kab/README\.md
 share/doc/kab/examples/(CMakeLists\.txt|[a-z_]+\.(c|cc|py))
 share/man/man5/kab-dump\.5

@@ -84,6 +84,9 @@ class OpenTest(GroupCase):
         for act in (lambda: group.ssd.size, lambda: group.disks[0].read_at(0, 1), group.replay):
             with self.assertRaises(ValueError):
                 act()
+        for act in (lambda: kab.Group(self.ssd + "\0.old"), lambda: kab.open_disk(self.disk0 + "\0")):
+            with self.assertRaisesRegex(ValueError, "NUL"):  # the library would open what stands before it
+                act()
         with self.assertRaises(kab.KabError):  # the second disk fails; the first and the SSD are let go
             kab.Group(self.ssd, [self.disk0, self.path("absent")])
         self.assertEqual(len(os.listdir("/proc/self/fd")), before)

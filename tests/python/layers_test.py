@@ -88,6 +88,17 @@ class LogTest(LayoutCase):
             self.assertEqual((entry.lba, entry.length), (line.get("lba"), line.get("length")))
             self.assertEqual(len(entry.data), line["entryLength"])
 
+    def test_a_walk_of_the_log_ends_with_its_group(self):
+        group = self.group()
+        walk = group.log_entries()
+        first = next(walk)
+        group.close()
+        with self.assertRaisesRegex(ValueError, "closed"):  # at the next block at the latest
+            while next(walk).block_offset == first.block_offset:
+                pass
+        with self.assertRaisesRegex(ValueError, "closed"):
+            group.log_entries()
+
     def test_a_disk_is_a_file_as_its_group_sees_it(self):
         group = self.group()
         with self.assertRaisesRegex(kab.KabError, "reading"):  # before the replay
@@ -129,6 +140,16 @@ class DedupTest(LayoutCase):
             self.assertGreater(len(picture), MIB)
             with disk.open(group_view=True) as file:
                 self.assert_same(file.read(len(picture)), picture)
+
+    def test_the_whole_of_a_disk_is_what_the_tool_reads(self):
+        ssd, disks = self.paths()
+        command = [TOOL, "read", "--as-group", "--disk", "0", "--range", "0:", ssd, *disks]
+        expected = subprocess.run(command, check=True, capture_output=True).stdout
+        group = self.group()
+        group.replay()
+        self.assertGreater(len(expected), group.disks[0].usable_size)  # packed, more than the disk could hold
+        with group.disks[0].open(group_view=True) as file:
+            self.assert_same(file.read(), expected)
 
     def test_damage_is_found(self):
         self.assertEqual(self.findings(), [])
@@ -173,8 +194,28 @@ class ComponentCase:
             seen += 1
         self.assertGreater(seen, 3)
 
+    def test_a_component_ends_with_its_disk(self):
+        group = self.group()
+        ssd, disks = self.paths()
+        listed = subprocess.run([TOOL, "--json", "component", "list", ssd, *disks], check=True, capture_output=True)
+        of_disk = {line["uuid"]: line["disk"] for line in map(json.loads, listed.stdout.splitlines()[1:])}
+        self.assertIn(group.disks[1].uuid, of_disk.values())
+        opened = {uuid: group.component(uuid) for uuid in of_disk}
+        group.disks[1].close()
+        for uuid, component in opened.items():
+            if of_disk[uuid] == group.disks[0].uuid:
+                component.read_at(0, 1)
+                continue
+            with self.assertRaisesRegex(ValueError, "closed"):
+                component.read_at(0, 1)
+            component.close()
+
     def test_what_is_not_there_is_told(self):
         group = self.group()
+        with group.component(next(self.pictures())[0]) as component:
+            for offset, length in ((-1, 1), (0, -1), (1 << 63, 1), (1 << 64, 1), ((1 << 63) - 1, 1)):
+                with self.subTest(offset=offset), self.assertRaises(ValueError):
+                    component.read_at(offset, length)
         for uuid in ("00000000-0000-0000-0000-000000000000", "no uuid"):
             with self.assertRaises(kab.KabError) as caught:
                 group.component(uuid)

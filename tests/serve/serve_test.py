@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """kab serve under the clients that people use, against the pictures that the sample builder keeps.
 
-  serve_test.py KAB FAIL_READS [unittest arguments]
+  serve_test.py KAB FAIL_READS PLUGIN [unittest arguments]
 """
 import contextlib
 import json
@@ -19,6 +19,7 @@ import unittest
 
 KAB = os.path.abspath(sys.argv.pop(1))
 FAIL_READS = os.path.abspath(sys.argv.pop(1))
+PLUGIN = os.path.abspath(sys.argv.pop(1))
 MIB = 1 << 20
 DATA = 3 * MIB
 
@@ -82,6 +83,7 @@ class ServeCase(unittest.TestCase):
     def start(self, *arguments, folder=None, preload=(), **environment):
         return subprocess.Popen([KAB, "serve", *self.keys(), *arguments, *self.paths(folder)], cwd=self.work,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_DFL),  # whatever nohup did
                                 env={**os.environ, **self.preload(preload), **environment})
 
     @staticmethod
@@ -222,7 +224,7 @@ class Disk(ServeCase):
         self.assertTrue(before == [read_file(path) for path in self.paths()])
 
     def test_a_signal_stops_it_whatever_clients_do(self):
-        for by in signal.SIGINT, signal.SIGTERM:
+        for by in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
             with self.serve("--disk", "0", by=by):
                 self.assertEqual(stat.S_IMODE(os.stat(self.socket).st_mode), 0o600)
                 idle = socket.socket(socket.AF_UNIX)
@@ -282,6 +284,24 @@ class Disk(ServeCase):
                 self.refuse(*arguments, code=code, line=f"kab: ", folder=folder)
                 self.refuse(*arguments, code=code, line=line, folder=folder)
         self.assertTrue(os.path.exists(f"{self.work}/taken"))
+
+    def test_the_plugin_alone_wants_one_thing_to_serve(self):
+        ssd, *disks = self.paths()
+        group = [f"ssd={ssd}"] + [f"disk={disk}" for disk in disks]
+        keys = [f"key-file={key}" for key in self.keys()[1::2]]
+        for arguments, line in ((group[1:], "ssd=PATH is missing"),
+                                (group[:1], "needs one disk=PATH"),
+                                (group, "needs one disk=PATH"),
+                                ([*group, "serve=0", "component=00000000-0000-0000-0000-000000000001"], "exclude each"),
+                                ([*group, "serve=9"], "none of the disks given"),
+                                ([*group, "serve=0", "skip-unmount-check=maybe"], "maybe"),
+                                ([*group, "serve=0", "colour=red"], "colour: no such parameter")):
+            with self.subTest(arguments=arguments):
+                result = subprocess.run(["nbdkit", "-U", "-", PLUGIN, *keys, *arguments, "--run", "true"],
+                                        timeout=60, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
+                                        env={**os.environ, **self.preload(())})
+                self.assertEqual(result.returncode, 1, result.stdout.decode())
+                self.assertIn(line, result.stdout.decode())
 
     def test_without_nbdkit_nothing_is_promised(self):
         server = self.start("--socket", self.socket, "--disk", "0", PATH=self.work)

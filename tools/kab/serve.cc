@@ -28,8 +28,8 @@ namespace {
 
 constexpr const char* kDetails =
     "Serves what `kab read --as-group` or `kab component read` would give as a read-only NBD export, through nbdkit,\n"
-    "until SIGINT or SIGTERM: to copy it, to look into it with other tools, or to mount what lies on it. Its URI goes\n"
-    "to stdout once clients may connect.\n\n"
+    "until SIGINT, SIGTERM or SIGHUP: to copy it, to look into it with other tools, or to mount what lies on it. Its\n"
+    "URI goes to stdout once clients may connect.\n\n"
     "--socket makes a Unix socket that only the caller's user may open; it is removed at the end. --port listens on\n"
     "127.0.0.1 alone, for every user of this machine; 0 takes a free port.\n\n"
     "A block that cannot be read gives an I/O error, every other one is served. The disks and the key files are read\n"
@@ -161,13 +161,16 @@ std::vector<std::string> Command(const Tool& tool, const Options& options, const
   _exit(write(pipe, &error, sizeof error) > 0 ? 1 : 2);
 }
 
-/// SIGINT, SIGTERM and SIGCHLD wait to be taken one by one, so that none comes in between.
+/// SIGINT, SIGTERM, SIGHUP and SIGCHLD wait to be taken one by one, so that none comes in between.
 class TakenSignals {
  public:
   TakenSignals() {
     signal(SIGCHLD, SIG_DFL);  // a caller may have left it ignored: a child's end would then be lost
     sigemptyset(&set_);
     for (const int number : {SIGINT, SIGTERM, SIGCHLD}) sigaddset(&set_, number);
+    // The terminal went away: the socket is to go, too. Under nohup it is to stay.
+    struct sigaction hangUp = {};
+    if (sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler != SIG_IGN) sigaddset(&set_, SIGHUP);
     sigprocmask(SIG_BLOCK, &set_, &old_);
   }
   ~TakenSignals() { Restore(); }
@@ -213,7 +216,7 @@ class Server {
     int status = 0;
     while (waitpid(child_, &status, WNOHANG) != child_) {
       const int number = signals_.Next(stopped ? &kGrace : nullptr);
-      if (number == SIGINT || number == SIGTERM) {
+      if (number == SIGINT || number == SIGTERM || number == SIGHUP) {
         stopped = true;
         kill(child_, SIGTERM);
       } else if (number < 0 && errno == EAGAIN) {

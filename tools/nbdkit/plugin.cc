@@ -57,7 +57,11 @@ struct Server {
   }
 };
 
-std::unique_ptr<Server> server;
+/// Made when it is first asked for, so after all globals and gone before them: nbdkit may exit without unloading.
+std::unique_ptr<Server>& TheServer() {
+  static std::unique_ptr<Server> server;
+  return server;
+}
 
 /// Runs work that may throw; -1 with a line and an errno when it does.
 template <class Work>
@@ -76,25 +80,25 @@ int Guarded(const Work& work) {
 
 int Config(const char* key, const char* value) {
   return Guarded([&] {
-    if (server == nullptr) {
-      server = std::make_unique<Server>();
-      KABInit(0, server->log.stream());
+    if (TheServer() == nullptr) {
+      TheServer() = std::make_unique<Server>();
+      KABInit(0, TheServer()->log.stream());
     }
     const std::string_view name = key;
     if (name == "ssd") {
-      server->options.ssd = value;
+      TheServer()->options.ssd = value;
     } else if (name == "disk") {
-      server->options.disks.emplace_back(value);
+      TheServer()->options.disks.emplace_back(value);
     } else if (name == "serve") {
-      server->options.disk = value;
+      TheServer()->options.disk = value;
     } else if (name == "component") {
-      server->component = value;
+      TheServer()->component = value;
     } else if (name == "key-file") {
-      server->keyFiles.emplace_back(value);
+      TheServer()->keyFiles.emplace_back(value);
     } else if (name == "skip-unmount-check") {
       const int yes = nbdkit_parse_bool(value);
       if (yes == -1) return -1;
-      server->options.skipUnmountCheck = yes != 0;
+      TheServer()->options.skipUnmountCheck = yes != 0;
     } else {
       nbdkit_error("%s: no such parameter", key);
       return -1;
@@ -104,8 +108,17 @@ int Config(const char* key, const char* value) {
 }
 
 int ConfigComplete() {
-  if (server == nullptr || server->options.ssd.empty()) {
+  if (TheServer() == nullptr || TheServer()->options.ssd.empty()) {
     nbdkit_error("ssd=PATH is missing");
+    return -1;
+  }
+  const tool::GroupOptions& options = TheServer()->options;
+  if (!TheServer()->component.empty() && !options.disk.empty()) {
+    nbdkit_error("serve=DISK and component=UUID exclude each other");
+    return -1;
+  }
+  if (TheServer()->component.empty() && options.disk.empty() && options.disks.size() != 1) {
+    nbdkit_error("needs one disk=PATH, serve=DISK or component=UUID");
     return -1;
   }
   return 0;
@@ -113,16 +126,16 @@ int ConfigComplete() {
 
 int GetReady() {
   return Guarded([] {
-    server->Open();
+    TheServer()->Open();
     return 0;
   });
 }
 
-void Unload() { server = nullptr; }
+void Unload() { TheServer() = nullptr; }
 
 void* OpenConnection(int) { return NBDKIT_HANDLE_NOT_NEEDED; }
 
-int64_t GetSize(void*) { return static_cast<int64_t>(server->view->size()); }
+int64_t GetSize(void*) { return static_cast<int64_t>(TheServer()->view->size()); }
 
 int CanMultiConn(void*) { return 1; }
 
@@ -130,7 +143,7 @@ int CanMultiConn(void*) { return 1; }
 int Pread(void*, void* buffer, uint32_t count, uint64_t offset, uint32_t) {
   return Guarded([&] {
     int result = 0;
-    ReadAround(*server->view, static_cast<uint8_t*>(buffer), count, offset,
+    ReadAround(*TheServer()->view, static_cast<uint8_t*>(buffer), count, offset,
                [&result](uint64_t at, uint64_t length, uint32_t status) {
                  nbdkit_error("%llu bytes at %llu cannot be read: %s", static_cast<unsigned long long>(length),
                               static_cast<unsigned long long>(at), tool::StatusText(status));
@@ -144,7 +157,7 @@ int Pread(void*, void* buffer, uint32_t count, uint64_t offset, uint32_t) {
 int Extents(void*, uint32_t count, uint64_t offset, uint32_t, nbdkit_extents* extents) {
   return Guarded([&] {
     int result = 0;
-    server->view->ForEachRun(offset, count, [&](const tool::View::Run& run) {
+    TheServer()->view->ForEachRun(offset, count, [&](const tool::View::Run& run) {
       if (result == 0) {
         result =
             nbdkit_add_extent(extents, run.offset, run.length, run.hole ? NBDKIT_EXTENT_HOLE | NBDKIT_EXTENT_ZERO : 0);
