@@ -43,9 +43,10 @@ group=("$work/group/ssd.img" "$work/group/disk0.img" "$work/group/disk1.img")
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 read -ra flags <<<"${CFLAGS:-} $(pkg-config --cflags --libs kab)"
 "${CC:-cc}" -std=c11 -Wall -Wextra -Werror "$source/examples/group.c" -o "$work/group-pc" "${flags[@]}"
+outside=${LD_LIBRARY_PATH:-}  # set where the tool was built without a run path
 export LD_LIBRARY_PATH=$libdir
 says "2 disks attached" "$work/group-pc" "${group[@]}"
-unset LD_LIBRARY_PATH
+export LD_LIBRARY_PATH=$outside
 
 # The examples as a project of their own, by find_package alone.
 unset PKG_CONFIG_PATH
@@ -64,8 +65,8 @@ says "Successful" "$work/examples/dump_head" "${group[1]}" "$work/head.dump" 419
 
 # The manual pages and completions lie where man and the shells look.
 for file in share/man/man1/kab.1 share/man/man1/kab-dump.1 share/bash-completion/completions/kab \
-  share/zsh/site-functions/_kab share/fish/vendor_completions.d/kab.fish; do
-  [ -s "$prefix/$file" ] || fail "$file was not installed"
+  'share/zsh/*/_kab' share/fish/vendor_completions.d/kab.fish; do
+  [ -n "$(find "$prefix" -path "$prefix/$file" -size +0)" ] || fail "$file was not installed"
 done
 
 # What the documents that were installed show and name among docs/ was installed too.
@@ -82,7 +83,7 @@ if [ -z "${CFLAGS:-}" ]; then
   export PYTHONPATH LD_LIBRARY_PATH=$libdir PYTHONDONTWRITEBYTECODE=1
   PYTHONPATH=$(dirname "$(find "$prefix" -path '*/kab/py.typed' | xargs dirname)")
   says " $data" python3 "$source/examples/head.py" "${group[@]}"
-  unset LD_LIBRARY_PATH
+  export LD_LIBRARY_PATH=$outside
 fi
 
 # The NBD plugin, where it was built: it finds its library, and the tool finds it.
