@@ -245,23 +245,23 @@ std::string ZshAction(const OptionEntry& option) {
 }
 
 // One argument of _arguments a line, with a backslash at its end.
-std::string ZshSpecs(const CommandEntry& command, const std::string& indent) {
+std::string ZshEntries(const CommandEntry& command, const std::string& indent) {
   std::string text;
   for (const OptionEntry& option : command.options) {
     for (const std::string& name : option.names) {
-      std::string spec = fmt::format("[{}]", ZshText(option.summary));
+      std::string entry = fmt::format("[{}]", ZshText(option.summary));
       const bool isLong = name.starts_with("--");
       if (!option.value.empty()) {
-        spec = fmt::format("{}{}:{}:{}", isLong ? "=" : "+", spec, ZshText(option.value), ZshAction(option));
+        entry = fmt::format("{}{}:{}:{}", isLong ? "=" : "+", entry, ZshText(option.value), ZshAction(option));
       }
       const std::string excluded = option.repeatable ? "*" : fmt::format("({})", fmt::join(option.names, " "));
-      text += fmt::format("{}{} \\\n", indent, Quoted(fmt::format("{}{}{}", excluded, name, spec)));
+      text += fmt::format("{}{} \\\n", indent, Quoted(fmt::format("{}{}{}", excluded, name, entry)));
     }
   }
   for (const OptionEntry& argument : command.arguments) {
     const std::string where = argument.repeatable ? "*:" : argument.required ? ":" : "::";
-    const std::string spec = fmt::format("{}{}:{}", where, ZshText(argument.value), ZshAction(argument));
-    text += fmt::format("{}{} \\\n", indent, Quoted(spec));
+    const std::string entry = fmt::format("{}{}:{}", where, ZshText(argument.value), ZshAction(argument));
+    text += fmt::format("{}{} \\\n", indent, Quoted(entry));
   }
   return text;
 }
@@ -282,7 +282,7 @@ std::string ZshScript(const OptionTable& table) {
       "_kab() {\n"
       "  local curcontext=$curcontext state line\n"
       "  local -a globals=(\n";
-  std::string globals = ZshSpecs(table.tool, "    ");
+  std::string globals = ZshEntries(table.tool, "    ");
   for (size_t at; (at = globals.find(" \\\n")) != std::string::npos;) globals.erase(at, 2);
   text += globals +
           "  )\n"
@@ -291,7 +291,7 @@ std::string ZshScript(const OptionTable& table) {
           "  curcontext=${curcontext%:*:*}:kab-$words[1]:\n"
           "  case $words[1] in\n";
   for (const CommandEntry& command : table.commands) {
-    text += "    " + command.name + ")\n      _arguments -S \\\n" + ZshSpecs(command, "        ") +
+    text += "    " + command.name + ")\n      _arguments -S \\\n" + ZshEntries(command, "        ") +
             "        ${globals:#*--help*}\n      ;;\n";
   }
   return text +

@@ -4,13 +4,13 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "as_group.h"
 #include "findings.h"
 #include "kab/ddp.h"
 #include "kab/orlo.h"
 #include "kab/ssdlog.h"
+#include "load.h"
 #include "log_walk.h"
 #include "orlo_map.h"
 
@@ -23,12 +23,6 @@ constexpr size_t kWriteBufferStartAt = 20;  // in the checkpoint record
 constexpr uint64_t kDedupArea = 0x300000;
 constexpr size_t kDataStartAt = 164;  // in the dedup superblock, both in blocks
 constexpr size_t kExpansionSizeAt = 261;
-
-uint64_t Word(const uint8_t* bytes) {
-  uint64_t value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
 
 bool HasDedupLayer(const KABDiskCtx& disk) { return disk.dedupCtx.superBlk != nullptr; }
 
@@ -58,7 +52,7 @@ void DumpPlan::AddLog() {
     return;
   }
   // What lies in front of the write buffer, not what users wrote into it.
-  const uint64_t start = std::max<uint64_t>(Word(ssd->logState->checkpoint + kWriteBufferStartAt), 2);
+  const uint64_t start = std::max<uint64_t>(Load<uint64_t>(ssd->logState->checkpoint + kWriteBufferStartAt), 2);
   Add(ssd, ssd->dataOffset, std::min<uint64_t>(start, ssd->metaReserve / kBlock) * kBlock);
   for (const LogKind kind : {LogKind::kPlog, LogKind::kLlog}) {
     const LogEnd end = WalkLog(ssd, kind, [&](const uint8_t*, uint64_t offset, uint64_t) { Add(ssd, offset, kBlock); });
@@ -125,8 +119,8 @@ void DumpPlan::AddDedup(KABDiskCtx* disk) {
     return;
   }
   const uint64_t room = (disk->diskSize - kDedupArea) / kBlock;
-  const uint64_t dataStart = Word(superBlk + kDataStartAt);
-  const uint64_t expansion = Word(superBlk + kExpansionSizeAt);
+  const uint64_t dataStart = Load<uint64_t>(superBlk + kDataStartAt);
+  const uint64_t expansion = Load<uint64_t>(superBlk + kExpansionSizeAt);
   if (dataStart > room || expansion > room - dataStart) {
     Add(disk, kDedupArea, kBlock);
     Lack(fmt::format("the dedup regions of disk {}, which leave the disk", disk->uuidText));
